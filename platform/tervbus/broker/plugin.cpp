@@ -1,0 +1,367 @@
+// The mosquitto plugin that enforces the bus's access rules. The broker is to know its clients by their certificates:
+// a listener with require_certificate, use_identity_as_username and use_username_as_clientid. Options:
+//
+//   plugin_opt_rules <file>                       see rules.h; read again when it has changed
+//   plugin_opt_persistence <folder>               the broker's persistence_location; see journal.h
+//   plugin_opt_bridge <CN> <unit>,<unit>,...      once per bridge; those in the rules count beside
+//
+// A bridge that the broker opens itself is exempt from its access checks; what comes over it is looked at as a message
+// that has come in. mosquitto tells a plugin of those only with the settings of all listeners in one
+// (per_listener_settings false), and names the bridge by its local_username.
+//
+// No signal is needed for new rules, and SIGHUP is best avoided: at SIGHUP mosquitto 2.0.11 enters every node that is
+// away a second time into its list of sessions to expire, and crashes when one of them comes back or runs out.
+//
+// The broker is single-threaded: so is all of this.
+#include "refusals.h"
+#include "unsaved.h"
+
+#include <mosquitto.h>
+#include <mosquitto_broker.h>
+#include <mosquitto_plugin.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <map>
+
+namespace
+{
+
+// How long a client is remembered after it has gone. Its will, and the messages for its session, are looked at when
+// its certificate is at hand no more.
+constexpr time_t memory_s = 120;
+
+constexpr size_t name_max = 128; // bytes of a CN, as the nodes have it
+
+struct seen_client {
+	std::string group;
+	time_t gone_at = 0; // 0: connected
+};
+
+// What shows that a file is not the one read before.
+struct file_mark {
+	ino_t inode = 0;
+	off_t size = 0;
+	timespec changed = {};
+};
+
+struct plugin_state {
+	mosquitto_plugin_id_t *identifier = nullptr;
+	std::string rules_path;  // empty: no rules, nobody may send to anybody
+	file_mark rules_mark;    // of the rules in force, or of those last refused
+	time_t looked_at = 0;    // for new rules; once a second is enough
+	std::string persistence; // empty: no journal of what is not saved
+	journal unsaved;
+	access_policy policy;
+	refusal_log refusals;
+	std::map<std::string, seen_client> seen;         // by CN
+	std::deque<std::pair<time_t, std::string>> gone; // who went when, oldest first
+};
+
+// The first OU, or nothing.
+std::string group_in(X509 *certificate)
+{
+	const X509_NAME *subject = X509_get_subject_name(certificate);
+	const int index = X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, -1);
+	if (index < 0)
+		return {};
+
+	unsigned char *utf8 = nullptr;
+	const int length = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
+	if (length < 0)
+		return {};
+	std::string group(reinterpret_cast<const char *>(utf8), static_cast<size_t>(length));
+	OPENSSL_free(utf8);
+	// A group that could change a topic's meaning, or is cut short by a zero byte in it, is no group.
+	return group.find_first_of(std::string("/+#\0", 4)) == std::string::npos ? group : std::string();
+}
+
+// A name that could change a topic's meaning, or one of several, is nobody's. The broker takes the first of several
+// CNs.
+bool usable_name(X509 *certificate, std::string_view name)
+{
+	const X509_NAME *subject = X509_get_subject_name(certificate);
+	const int first = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+	if (first < 0 || X509_NAME_get_index_by_NID(subject, NID_commonName, first) >= 0)
+		return false;
+	return !name.empty() && name.size() <= name_max && std::none_of(name.begin(), name.end(), [](char character) {
+		const unsigned char byte = static_cast<unsigned char>(character);
+		return byte < 0x20 || byte == 0x7F || character == '/' || character == '+' || character == '#';
+	});
+}
+
+access_node node_of(plugin_state *state, const mosquitto *client)
+{
+	access_node node;
+	const char *name = mosquitto_client_username(client);
+	if (name == nullptr)
+		return node;
+	node.unit = name;
+
+	X509 *certificate = static_cast<X509 *>(mosquitto_client_certificate(client));
+	if (certificate != nullptr) {
+		node.unfit = !usable_name(certificate, node.unit);
+		node.group = group_in(certificate);
+		if (!node.unfit)
+			state->seen[node.unit] = {node.group};
+		X509_free(certificate);
+		return node;
+	}
+	const auto known = state->seen.find(node.unit);
+	node.away = known == state->seen.end();
+	if (!node.away)
+		node.group = known->second.group;
+	return node;
+}
+
+void forget_the_long_gone(plugin_state *state, time_t now)
+{
+	while (!state->gone.empty() && state->gone.front().first + memory_s < now) {
+		const auto known = state->seen.find(state->gone.front().second);
+		if (known != state->seen.end() && known->second.gone_at == state->gone.front().first)
+			state->seen.erase(known);
+		state->gone.pop_front();
+	}
+}
+
+int note_gone(int, void *event, void *user)
+{
+	const auto *check = static_cast<const mosquitto_evt_disconnect *>(event);
+	auto *state = static_cast<plugin_state *>(user);
+	const time_t now = time(nullptr);
+
+	forget_the_long_gone(state, now);
+	const char *name = mosquitto_client_username(check->client);
+	const auto known = name != nullptr ? state->seen.find(name) : state->seen.end();
+	if (known == state->seen.end())
+		return MOSQ_ERR_SUCCESS;
+	known->second.gone_at = now;
+	state->gone.emplace_back(now, name);
+	return MOSQ_ERR_SUCCESS;
+}
+
+struct access_row {
+	int asked; // the broker's word for it
+	access_kind kind;
+};
+
+constexpr access_row access_table[] = {
+		{MOSQ_ACL_READ, access_kind::read},
+		{MOSQ_ACL_WRITE, access_kind::write},
+		{MOSQ_ACL_SUBSCRIBE, access_kind::subscribe},
+};
+static_assert(std::size(access_table) == 3);
+
+file_mark mark_of(const std::string &path)
+{
+	struct stat status;
+	if (stat(path.c_str(), &status) != 0)
+		return {};
+	return {status.st_ino, status.st_size, status.st_ctim};
+}
+
+bool same_mark(const file_mark &left, const file_mark &right)
+{
+	return left.inode == right.inode && left.size == right.size && left.changed.tv_sec == right.changed.tv_sec &&
+			left.changed.tv_nsec == right.changed.tv_nsec;
+}
+
+// The rules in force stay when the file cannot be used. The mark is taken first: what changes while it is being read is
+// read once more.
+void reload_rules(plugin_state *state)
+{
+	std::string why;
+	state->rules_mark = mark_of(state->rules_path);
+	if (!state->rules_path.empty() && !rules_load(state->rules_path.c_str(), &state->policy.rules, &why))
+		mosquitto_log_printf(
+				MOSQ_LOG_ERR, "quillet: %s: %s; the old rules stay", state->rules_path.c_str(), why.c_str());
+}
+
+// Before a decision: what nobody asks about need not be known.
+void look_for_new_rules(plugin_state *state)
+{
+	const time_t now = time(nullptr);
+	if (state->rules_path.empty() || now == state->looked_at)
+		return;
+	state->looked_at = now;
+	if (!same_mark(mark_of(state->rules_path), state->rules_mark))
+		reload_rules(state);
+}
+
+int reload(int, void *, void *user)
+{
+	reload_rules(static_cast<plugin_state *>(user));
+	return MOSQ_ERR_SUCCESS;
+}
+
+// The broker's word for it, with a line in its log when one is due.
+int refuse(plugin_state *state, const access_node &node, const access_wish &wish, const char *cause)
+{
+	const std::string line = refusal_line(&state->refusals, node.unit, wish, cause, time(nullptr));
+	if (!line.empty())
+		mosquitto_log_printf(MOSQ_LOG_WARNING, "%s", line.c_str());
+	return MOSQ_ERR_ACL_DENIED;
+}
+
+int decide(plugin_state *state, const access_node &node, const access_wish &wish)
+{
+	if (access_allowed(state->policy, node, wish.kind, wish.topic, wish.retained))
+		return MOSQ_ERR_SUCCESS;
+	return refuse(state, node, wish, refusal_cause(state->policy, node, wish));
+}
+
+int check_access(int, void *event, void *user)
+{
+	const auto *check = static_cast<const mosquitto_evt_acl_check *>(event);
+	auto *state = static_cast<plugin_state *>(user);
+
+	if (check->access == MOSQ_ACL_UNSUBSCRIBE)
+		return MOSQ_ERR_SUCCESS;
+	look_for_new_rules(state);
+	for (const access_row &row : access_table)
+		if (row.asked == check->access)
+			return decide(state, node_of(state, check->client), {row.kind, check->topic, check->retain});
+	return MOSQ_ERR_ACL_DENIED;
+}
+
+// A local unit's name is never taken from the far end of a bridge, whatever the lists say.
+bool poses_as_local(const plugin_state *state, std::string_view topic)
+{
+	return state->seen.contains(std::string(topic.substr(topic.rfind('/') + 1)));
+}
+
+// Such a client has no address; and a name of this kind is nobody else's, see access.h. Over TLS it does have a
+// certificate, but that is the far broker's.
+bool is_local_bridge(const mosquitto *client)
+{
+	const char *name = mosquitto_client_username(client);
+	return mosquitto_client_address(client) == nullptr || name == nullptr ||
+			std::string_view(name).substr(0, access_local_prefix.size()) == access_local_prefix;
+}
+
+// What comes in over a bridge that this broker has opened. All others were asked about in check_access.
+int check_bridged(int, void *event, void *user)
+{
+	const auto *message = static_cast<const mosquitto_evt_message *>(event);
+	auto *state = static_cast<plugin_state *>(user);
+
+	if (!is_local_bridge(message->client))
+		return MOSQ_ERR_SUCCESS;
+	look_for_new_rules(state);
+	const char *name = mosquitto_client_username(message->client);
+	const access_node bridge{.unit = name != nullptr ? name : "", .group = "", .local = true};
+	const access_wish wish{access_kind::write, message->topic, message->retain};
+	return poses_as_local(state, message->topic) ? refuse(state, bridge, wish, refusal_as_local)
+												 : decide(state, bridge, wish);
+}
+
+// The broker asks this only about a client that has not proved its name with a certificate.
+int refuse_password(int, void *, void *)
+{
+	return MOSQ_ERR_AUTH;
+}
+
+bool take_option(plugin_state *state, const mosquitto_opt *option)
+{
+	if (strcmp(option->key, "rules") == 0) {
+		state->rules_path = option->value;
+		return true;
+	}
+	if (strcmp(option->key, "persistence") == 0) {
+		state->persistence = option->value;
+		return true;
+	}
+	return strcmp(option->key, "bridge") == 0 && access_add_bridge(&state->policy, option->value);
+}
+
+bool configure(plugin_state *state, const mosquitto_opt *options, int count)
+{
+	for (int i = 0; i < count; i++) {
+		if (take_option(state, &options[i]))
+			continue;
+		mosquitto_log_printf(
+				MOSQ_LOG_ERR, "quillet: plugin_opt_%s %s is not understood", options[i].key, options[i].value);
+		return false;
+	}
+	std::string why;
+	state->rules_mark = mark_of(state->rules_path);
+	if (state->rules_path.empty() || rules_load(state->rules_path.c_str(), &state->policy.rules, &why))
+		return true;
+	mosquitto_log_printf(MOSQ_LOG_ERR, "quillet: %s: %s", state->rules_path.c_str(), why.c_str());
+	return false;
+}
+
+struct callback_row {
+	int event;
+	MOSQ_FUNC_generic_callback call;
+};
+
+constexpr callback_row callback_table[] = {
+		{MOSQ_EVT_ACL_CHECK, check_access},
+		{MOSQ_EVT_BASIC_AUTH, refuse_password},
+		{MOSQ_EVT_MESSAGE, check_bridged},
+		{MOSQ_EVT_DISCONNECT, note_gone},
+		{MOSQ_EVT_RELOAD, reload},
+};
+static_assert(std::size(callback_table) == 5);
+
+bool register_callbacks(plugin_state *state)
+{
+	return std::all_of(std::begin(callback_table), std::end(callback_table), [state](const callback_row &row) {
+		return mosquitto_callback_register(state->identifier, row.event, row.call, nullptr, state) == MOSQ_ERR_SUCCESS;
+	});
+}
+
+// Registered behind the others, so that no message is noted that one of them refuses.
+bool keep_unsaved(plugin_state *state)
+{
+	if (state->persistence.empty())
+		return true;
+	if (unsaved_open(&state->unsaved, state->persistence))
+		return mosquitto_callback_register(
+					   state->identifier, MOSQ_EVT_MESSAGE, unsaved_note, nullptr, &state->unsaved) == MOSQ_ERR_SUCCESS;
+	mosquitto_log_printf(MOSQ_LOG_ERR, "quillet: %s: %s", state->persistence.c_str(), strerror(errno));
+	return false;
+}
+
+} // namespace
+
+extern "C" int mosquitto_plugin_version(int count, const int *versions)
+{
+	for (int i = 0; i < count; i++)
+		if (versions[i] == MOSQ_PLUGIN_VERSION)
+			return MOSQ_PLUGIN_VERSION;
+	return -1;
+}
+
+extern "C" int mosquitto_plugin_init(
+		mosquitto_plugin_id_t *identifier, void **user, mosquitto_opt *options, int option_count)
+{
+	auto *state = new plugin_state;
+	state->identifier = identifier;
+	if (!configure(state, options, option_count) || !register_callbacks(state) || !keep_unsaved(state)) {
+		journal_close(&state->unsaved);
+		delete state;
+		return MOSQ_ERR_UNKNOWN;
+	}
+	*user = state;
+	return MOSQ_ERR_SUCCESS;
+}
+
+extern "C" int mosquitto_plugin_cleanup(void *user, mosquitto_opt *, int)
+{
+	auto *state = static_cast<plugin_state *>(user);
+	if (state == nullptr)
+		return MOSQ_ERR_SUCCESS;
+	for (const callback_row &row : callback_table)
+		(void)mosquitto_callback_unregister(state->identifier, row.event, row.call, nullptr); // the broker is ending
+	if (!state->persistence.empty())
+		(void)mosquitto_callback_unregister(state->identifier, MOSQ_EVT_MESSAGE, unsaved_note, nullptr);
+	journal_close(&state->unsaved);
+	delete state;
+	return MOSQ_ERR_SUCCESS;
+}

@@ -1,0 +1,6 @@
+// The library's clock: milliseconds of the monotonic clock.
+#pragma once
+
+#include <cstdint>
+
+int64_t bus_now_ms();
