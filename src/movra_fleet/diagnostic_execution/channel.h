@@ -1,0 +1,10 @@
+// Opening the channel to an ECU, for all kinds of work. What fails is logged in the words that the requester is told.
+#pragma once
+
+#include "movra_fleet/common/records.h"
+
+// Does the ECU's interface exist, and is it up?
+bool interface_ready(const transport_cfg *cfg);
+
+// Opens the channel; the handle is stored in any case. 0, or -1.
+int open_channel(transport_cfg *cfg);
