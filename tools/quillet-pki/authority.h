@@ -1,0 +1,52 @@
+// The CA's side of the folder: where its files are, what it has signed, and what it has taken back.
+//
+//   <dir>/ca/ca.key, ca.pem     the CA
+//   <dir>/ca/issued/<serial>    each certificate that it has signed, so that one can be revoked without the node's help
+//   <dir>/ca/crl.pem            the list of those revoked, which the broker reads when it starts
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "revocations.h"
+#include "store.h"
+
+std::string ca_key_path(const std::string &directory);
+std::string ca_certificate_path(const std::string &directory);
+std::string issued_folder(const std::string &directory);
+std::string revocation_path(const std::string &directory);
+
+// Each of these returns false on failure, with the cause in error.
+
+// A new CA, which has signed nothing yet.
+bool store_ca(const std::string &directory, const identity &ca, std::string &error);
+bool load_ca(const std::string &directory, identity &ca, std::string &error);
+
+// The list as it is; an empty one when there is no file yet.
+bool load_revocations(const std::string &directory, revocation_list &list, std::string &error);
+
+// Signs the list anew with these certificates on it too, also when there are none.
+bool add_revocations(
+		const std::string &directory, const identity &ca, const std::vector<X509 *> &certificates, std::string &error);
+
+// Writes key and certificate, the key for its owner's eyes only, and keeps a copy of the certificate with the CA.
+bool store_identity(const std::string &directory, const std::string &folder, const identity &made, std::string &error);
+
+// Reads the certificate of a PEM file.
+bool load_certificate(const std::string &path, identity &held, std::string &error);
+
+// False, with the advice in error, when the file exists and is not to be replaced.
+bool refuse_overwriting(const std::string &path, bool force, const std::string &loss, std::string &error);
+
+// The same for the certificate and for the key of the identity in this folder.
+bool refuse_overwriting_identity(const std::string &folder, bool force, const std::string &loss, std::string &error);
+
+// Writes the broker's rules: for the nodes whose certificate is not revoked.
+bool write_rules(const std::string &directory, std::string &error);
+
+// The same where there is a broker, and says so.
+bool refresh_rules(const std::string &directory, std::ostream &out, std::string &error);
+
+// Says behind which bridge a name is already; empty for none.
+std::string bridge_side_of(const std::string &directory, const std::string &name);
