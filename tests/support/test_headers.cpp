@@ -1,0 +1,5 @@
+// Nothing but a target for the precompiled headers.
+int main()
+{
+	return 0;
+}

@@ -1,0 +1,274 @@
+#include "pki_fixture.h"
+
+#include <array>
+#include <thread>
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST_F(pki_commands, give_the_broker_an_empty_list_of_revoked_certificates)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && broker()) << error;
+
+	EXPECT_FALSE(revoked("AGENT-1/cert.pem"));
+	EXPECT_THAT(text("broker/mosquitto.conf"), HasSubstr("\ncrlfile " + directory + "/ca/crl.pem\n"));
+}
+
+TEST_F(pki_commands, make_up_the_list_of_a_folder_from_before)
+{
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	fs::remove(directory + "/ca/crl.pem");
+
+	ASSERT_TRUE(broker()) << error;
+
+	EXPECT_FALSE(revoked("AGENT-1/cert.pem"));
+}
+
+TEST_F(pki_commands, keep_the_list_when_the_broker_is_made_again)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && broker() && revoke("AGENT-1") && broker(true)) << error;
+
+	EXPECT_TRUE(revoked("AGENT-1/cert.pem"));
+}
+
+TEST_F(pki_commands, revoke_a_node_and_take_it_out_of_the_rules)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && node("AGENT-2") && node("T", "requester") && broker()) << error;
+
+	ASSERT_TRUE(revoke("AGENT-1")) << error;
+
+	EXPECT_TRUE(revoked("AGENT-1/cert.pem"));
+	EXPECT_FALSE(revoked("AGENT-2/cert.pem"));
+	EXPECT_THAT(text("broker/rules"), Not(HasSubstr("AGENT-1")));
+	EXPECT_THAT(text("broker/rules"), HasSubstr("allow T AGENT-2\n"));
+	EXPECT_THAT(out.str(), HasSubstr("start it anew"));
+}
+
+TEST_F(pki_commands, revoke_the_certificates_that_were_replaced_too)
+{
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	fs::copy(directory + "/AGENT-1", root + "/stolen");
+	ASSERT_TRUE(node("AGENT-1", "agent", true) && revoke("AGENT-1")) << error;
+
+	EXPECT_TRUE(revoked("AGENT-1/cert.pem"));
+	EXPECT_TRUE(revoked("../stolen/cert.pem"));
+	EXPECT_THAT(out.str(), HasSubstr("revoked 2 certificates"));
+}
+
+TEST_F(pki_commands, revoke_a_node_whose_folder_is_gone)
+{
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	fs::rename(directory + "/AGENT-1", root + "/stolen");
+
+	ASSERT_TRUE(revoke("AGENT-1")) << error;
+
+	EXPECT_TRUE(revoked("../stolen/cert.pem"));
+}
+
+TEST_F(pki_commands, take_a_revoked_node_back_in_when_it_is_made_anew)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && node("T", "requester") && broker() && revoke("AGENT-1")) << error;
+
+	ASSERT_TRUE(node("AGENT-1", "agent", true)) << error;
+
+	EXPECT_FALSE(revoked("AGENT-1/cert.pem"));
+	EXPECT_THAT(text("broker/rules"), HasSubstr("allow T AGENT-1\n"));
+}
+
+TEST_F(pki_commands, start_with_nothing_revoked_under_a_new_ca)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && revoke("AGENT-1") && init(true)) << error;
+
+	EXPECT_FALSE(revoked("AGENT-1/cert.pem"));
+	EXPECT_FALSE(revoke("AGENT-1"));
+	EXPECT_THAT(error, HasSubstr("the CA has signed no certificate of \"AGENT-1\""));
+}
+
+TEST_F(pki_commands, say_why_a_node_cannot_be_revoked)
+{
+	EXPECT_FALSE(revoke("AGENT-1"));
+	EXPECT_THAT(error, HasSubstr("init"));
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	const struct {
+		const char *name;
+		bool old_only;
+		const char *says;
+	} rows[] = {
+			{"NOBODY", false, "show lists the nodes"},
+			{"", false, "show lists the nodes"},
+			{"broker", false, "init --force"},
+			{"AGENT-1", true, "no certificate left to revoke"},
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(row.name);
+		EXPECT_FALSE(revoke(row.name, row.old_only));
+		EXPECT_THAT(error, HasSubstr(row.says));
+	}
+	EXPECT_TRUE(revoke("AGENT-1")) << error;
+	EXPECT_FALSE(revoke("AGENT-1"));
+	EXPECT_THAT(error, HasSubstr("no certificate left to revoke"));
+}
+
+TEST_F(pki_commands, say_that_the_list_of_revoked_certificates_is_broken)
+{
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	std::ofstream(directory + "/ca/crl.pem", std::ios::trunc) << "nonsense";
+
+	EXPECT_FALSE(revoke("AGENT-1"));
+
+	EXPECT_THAT(error, HasSubstr("/ca/crl.pem: not a list"));
+	EXPECT_THAT(text("ca/crl.pem"), "nonsense");
+}
+
+static certificate_facts facts_of(const std::string &pem)
+{
+	identity held;
+	std::string error;
+	EXPECT_TRUE(parse_identity("", pem, held, error)) << error;
+	return describe_certificate(held.certificate.get());
+}
+
+TEST_F(pki_commands, renew_a_node_with_its_names_and_a_new_key)
+{
+	ASSERT_TRUE(init()) << error;
+	node_options old;
+	old.name = "AGENT-1";
+	old.group = "fleet-7";
+	old.validity = {-20, 10};
+	ASSERT_TRUE(pki_node(directory, old, out, error)) << error;
+	const std::string key = text("AGENT-1/private.pem");
+
+	ASSERT_TRUE(renew("AGENT-1")) << error;
+
+	const certificate_facts facts = facts_of(text("AGENT-1/cert.pem"));
+	EXPECT_EQ(facts.common_name, "AGENT-1");
+	EXPECT_EQ(facts.group, "fleet-7");
+	EXPECT_FALSE(facts.expired);
+	EXPECT_EQ(text("AGENT-1/role"), "agent\n");
+	EXPECT_NE(text("AGENT-1/private.pem"), key);
+	EXPECT_EQ(mode("AGENT-1/private.pem"), 0600u);
+	identity held;
+	EXPECT_TRUE(parse_identity(text("AGENT-1/private.pem"), text("AGENT-1/cert.pem"), held, error)) << error;
+}
+
+TEST_F(pki_commands, renew_a_node_under_its_key_when_told)
+{
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	const std::string key = text("AGENT-1/private.pem");
+	const std::string certificate = text("AGENT-1/cert.pem");
+
+	ASSERT_TRUE(renew("AGENT-1", true)) << error;
+
+	EXPECT_EQ(text("AGENT-1/private.pem"), key);
+	EXPECT_NE(text("AGENT-1/cert.pem"), certificate);
+}
+
+TEST_F(pki_commands, leave_the_certificate_before_a_renewal_good_until_told)
+{
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	fs::copy(directory + "/AGENT-1", root + "/old");
+
+	ASSERT_TRUE(renew("AGENT-1")) << error;
+	EXPECT_FALSE(revoked("../old/cert.pem"));
+	ASSERT_TRUE(revoke("AGENT-1", true)) << error;
+
+	EXPECT_TRUE(revoked("../old/cert.pem"));
+	EXPECT_FALSE(revoked("AGENT-1/cert.pem"));
+}
+
+TEST_F(pki_commands, renew_the_broker_for_the_hosts_it_has)
+{
+	ASSERT_TRUE(init()) << error;
+	broker_options options;
+	options.plugin = root + "/plugin.so";
+	options.hosts = {"bus.example", "bus2.example"};
+	options.addresses = {"192.0.2.1", "2001:db8::1"};
+	ASSERT_TRUE(pki_broker(directory, options, out, error)) << error;
+	const std::string configuration = text("broker/mosquitto.conf");
+	const std::string certificate = text("broker/cert.pem");
+
+	ASSERT_TRUE(renew("")) << error;
+
+	const certificate_facts facts = facts_of(text("broker/cert.pem"));
+	EXPECT_EQ(facts.hosts, options.hosts);
+	EXPECT_EQ(facts.addresses, options.addresses);
+	EXPECT_NE(text("broker/cert.pem"), certificate);
+	EXPECT_EQ(text("broker/mosquitto.conf"), configuration);
+	EXPECT_THAT(out.str(), HasSubstr("next start"));
+}
+
+TEST_F(pki_commands, say_why_an_identity_cannot_be_renewed)
+{
+	EXPECT_FALSE(renew("AGENT-1"));
+	EXPECT_THAT(error, HasSubstr("init"));
+	ASSERT_TRUE(init() && node("AGENT-1") && node("GONE") && revoke("GONE")) << error;
+	const struct {
+		renew_options options;
+		const char *says;
+	} rows[] = {
+			{{"", false, false, {}}, "--broker"},
+			{{"", true, false, {}}, "there is no broker"},
+			{{"NOBODY", false, false, {}}, "show lists"},
+			{{"../AGENT-1", false, false, {}}, "show lists"},
+			{{"GONE", false, false, {}}, "is revoked; to take it back in"},
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(row.options.name);
+		EXPECT_FALSE(pki_renew(directory, row.options, out, error));
+		EXPECT_THAT(error, HasSubstr(row.says));
+	}
+	std::ofstream(directory + "/AGENT-1/private.pem", std::ios::trunc).flush();
+	EXPECT_FALSE(renew("AGENT-1", true));
+	EXPECT_THAT(error, HasSubstr("without --keep-key"));
+}
+
+TEST_F(pki_commands, show_who_is_revoked_and_how_many_days_are_left)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && node("AGENT-2") && revoke("AGENT-2")) << error;
+	std::ostringstream shown;
+
+	ASSERT_TRUE(pki_show(directory, shown, error)) << error;
+
+	EXPECT_THAT(shown.str(), testing::ContainsRegex("AGENT-1  valid until .* \\(364[89] days\\)\n"));
+	EXPECT_THAT(shown.str(), testing::ContainsRegex("AGENT-2  valid until .* days\\)  REVOKED\n"));
+	EXPECT_THAT(shown.str(), HasSubstr("revoked    1 in all\n"));
+}
+
+TEST_F(pki_commands, lose_no_revocation_when_several_run_at_once)
+{
+	ASSERT_TRUE(init() && broker()) << error;
+	std::array<std::string, 8> errors;
+	for (size_t i = 0; i < errors.size(); i++)
+		ASSERT_TRUE(node("AGENT-" + std::to_string(i))) << error;
+
+	std::vector<std::thread> commands;
+	for (size_t i = 0; i < errors.size(); i++)
+		commands.emplace_back([this, i, &errors] {
+			std::ostringstream ignored;
+			pki_revoke(directory, {"AGENT-" + std::to_string(i), false}, ignored, errors[i]);
+		});
+	for (std::thread &command : commands)
+		command.join();
+
+	for (size_t i = 0; i < errors.size(); i++) {
+		SCOPED_TRACE(i);
+		EXPECT_EQ(errors[i], "");
+		EXPECT_TRUE(revoked("AGENT-" + std::to_string(i) + "/cert.pem"));
+		EXPECT_THAT(text("broker/rules"), Not(HasSubstr("AGENT-" + std::to_string(i))));
+	}
+}
+
+TEST_F(pki_commands, make_nothing_with_a_ca_that_has_run_out)
+{
+	init_options options;
+	options.validity = {.start_days = -10, .days = 1};
+	ASSERT_TRUE(pki_init(directory, options, out, error)) << error;
+
+	EXPECT_FALSE(node("AGENT-1"));
+	EXPECT_THAT(error, HasSubstr("has run out on"));
+	EXPECT_FALSE(broker());
+	EXPECT_FALSE(fs::exists(directory + "/AGENT-1"));
+	EXPECT_TRUE(init(true)) << error;
+	EXPECT_TRUE(node("AGENT-1")) << error;
+}
