@@ -30,7 +30,7 @@ static uint16_t start_server()
 	std::string error;
 	can_server *server = can_server_new(options, error);
 	require(server != nullptr);
-	std::thread(can_server_run, server).detach();
+	std::thread(can_server_run, server, -1).detach();
 	return can_server_port(server);
 }
 

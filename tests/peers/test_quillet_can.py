@@ -73,6 +73,11 @@ def test_ends_with_status_0_on_a_signal_also_with_clients(with_signal):
     assert server.errors == []
 
 
+def test_ends_with_status_0_on_a_signal_right_after_it_said_that_it_is_ready():
+    for _ in range(20):
+        assert CanServer("can0").end() == 0
+
+
 def test_says_where_it_listens_and_which_buses_it_has():
     server = CanServer("vcan0", "powertrain")
     assert server.end() == 0

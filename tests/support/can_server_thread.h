@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <sys/eventfd.h>
 #include <thread>
+#include <unistd.h>
 
 #include "can_server.h"
 
@@ -22,12 +24,13 @@ public:
 		server_ = can_server_new(options, error);
 		EXPECT_EQ(error, "");
 		if (server_ != nullptr)
-			thread_ = std::thread(can_server_run, server_);
+			thread_ = std::thread(can_server_run, server_, stop_event_);
 	}
 
 	~can_server_thread()
 	{
 		stop();
+		close(stop_event_);
 	}
 
 	can_server_thread(const can_server_thread &) = delete;
@@ -37,7 +40,7 @@ public:
 	{
 		if (server_ == nullptr)
 			return;
-		can_server_stop(server_);
+		EXPECT_EQ(eventfd_write(stop_event_, 1), 0);
 		thread_.join();
 		can_server_free(server_);
 		server_ = nullptr;
@@ -55,5 +58,6 @@ public:
 
 private:
 	can_server *server_ = nullptr;
+	const int stop_event_ = eventfd(0, EFD_CLOEXEC);
 	std::thread thread_;
 };

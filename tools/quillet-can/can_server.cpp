@@ -10,7 +10,6 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <set>
-#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,7 +32,6 @@ struct can_server {
 	std::vector<named_bus> buses;
 	std::vector<std::unique_ptr<can_client>> clients;
 	int listener = -1;
-	int stop_event = -1;
 	uint16_t port = 0;
 	uint64_t last_client = 0;
 	int64_t accept_after_us = 0;
@@ -210,10 +208,10 @@ static int64_t next_moment(const can_server &server, int64_t now_us)
 	return std::max(next, now_us);
 }
 
-static std::vector<pollfd> poll_set(const can_server &server, int64_t now_us)
+static std::vector<pollfd> poll_set(const can_server &server, int stop_descriptor, int64_t now_us)
 {
 	const short accepts = now_us >= server.accept_after_us ? POLLIN : 0;
-	std::vector<pollfd> polled = {{server.stop_event, POLLIN, 0}, {server.listener, accepts, 0}};
+	std::vector<pollfd> polled = {{stop_descriptor, POLLIN, 0}, {server.listener, accepts, 0}};
 	for (const auto &client : server.clients) {
 		const int events = (can_client_wants_to_read(*client) ? POLLIN : 0) |
 				(can_client_wants_to_write(*client, now_us) ? POLLOUT : 0);
@@ -238,12 +236,12 @@ static void serve(can_server &server, const std::vector<pollfd> &polled, int64_t
 		accept_client(server, now_us);
 }
 
-void can_server_run(can_server *server)
+void can_server_run(can_server *server, int stop_descriptor)
 {
 	(void)prctl(PR_SET_TIMERSLACK, 1UL); // ns; else each wait for a frame's end on the wire lasts 50 us longer
 	for (;;) {
 		int64_t now_us = can_link_monotonic_us();
-		std::vector<pollfd> polled = poll_set(*server, now_us);
+		std::vector<pollfd> polled = poll_set(*server, stop_descriptor, now_us);
 		const int64_t left_us = next_moment(*server, now_us) - now_us;
 		const timespec left = {static_cast<time_t>(left_us / 1000000), static_cast<long>(left_us % 1000000 * 1000)};
 		if (ppoll(polled.data(), polled.size(), &left, nullptr) < 0)
@@ -256,12 +254,6 @@ void can_server_run(can_server *server)
 		run_buses(*server, now_us);
 		drop_gone_clients(*server);
 	}
-}
-
-void can_server_stop(can_server *server)
-{
-	const uint64_t one = 1;
-	(void)!write(server->stop_event, &one, sizeof(one)); // an event counter that is full stops it, too
 }
 
 // Start and end
@@ -326,8 +318,7 @@ can_server *can_server_new(const can_server_options &options, std::string &error
 	std::unique_ptr<can_server, void (*)(can_server *)> server(new can_server, can_server_free);
 	for (const std::string &name : options.buses)
 		server->buses.push_back({name, bus_line_new(options.line)});
-	server->stop_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-	error = server->stop_event < 0 ? "no event descriptor" : start_listening(*server, options);
+	error = start_listening(*server, options);
 	return error.empty() ? server.release() : nullptr;
 }
 
@@ -344,7 +335,5 @@ void can_server_free(can_server *server)
 		close(client->descriptor);
 	if (server->listener >= 0)
 		close(server->listener);
-	if (server->stop_event >= 0)
-		close(server->stop_event);
 	delete server;
 }

@@ -23,10 +23,7 @@ can_server *can_server_new(const can_server_options &options, std::string &error
 // The port that it listens on.
 uint16_t can_server_port(const can_server *server);
 
-// Serves until can_server_stop.
-void can_server_run(can_server *server);
-
-// Any thread, and a signal handler.
-void can_server_stop(can_server *server);
+// Serves until the descriptor is readable; -1 = for ever.
+void can_server_run(can_server *server, int stop_descriptor);
 
 void can_server_free(can_server *server);

@@ -2,29 +2,13 @@
 
 #include <CLI/CLI.hpp>
 
-#include <csignal>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <unistd.h>
 
 #include "can_server.h"
-
-static can_server *running = nullptr; // set before the handlers are
-
-static void stop(int)
-{
-	can_server_stop(running);
-}
-
-static void stop_on_signals(can_server *server)
-{
-	running = server;
-	struct sigaction action {
-	};
-	action.sa_handler = stop;
-	sigaction(SIGINT, &action, nullptr);
-	sigaction(SIGTERM, &action, nullptr);
-}
+#include "stop_signals.h"
 
 static void say_ready(const can_server_options &options, uint16_t port)
 {
@@ -72,16 +56,19 @@ int main(int argc, char **argv)
 	options.line.duplicate = duplicate_percent / 100;
 	options.line.delay_us = delay_ms * 1000;
 
+	const int stop_descriptor = stop_signals_descriptor();
+	if (stop_descriptor < 0) {
+		fprintf(stderr, "quillet-can: no descriptor is left to wait for signals with; raise the limit (ulimit -n)\n");
+		return 1;
+	}
 	std::string error;
 	const std::unique_ptr<can_server, void (*)(can_server *)> server(can_server_new(options, error), can_server_free);
 	if (!server) {
 		fprintf(stderr, "quillet-can: %s\n", error.c_str());
 		return 1;
 	}
-	stop_on_signals(server.get());
 	say_ready(options, can_server_port(server.get()));
-	can_server_run(server.get());
-	signal(SIGINT, SIG_IGN); // the server is going
-	signal(SIGTERM, SIG_IGN);
+	can_server_run(server.get(), stop_descriptor);
+	close(stop_descriptor);
 	return 0;
 }

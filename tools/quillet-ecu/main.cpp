@@ -1,15 +1,14 @@
 // quillet-ecu: virtual ECUs on a CAN bus, from a JSON description.
-#include <csignal>
 #include <cstdio>
 #include <map>
 
 #include <CLI/CLI.hpp>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include "description.h"
 #include "key_plugin.h"
 #include "runner.h"
+#include "stop_signals.h"
 
 namespace
 {
@@ -38,16 +37,6 @@ int fail(const std::string &text)
 {
 	(void)fprintf(stderr, "quillet-ecu: %s\n", text.c_str()); // nothing to do about a lost message
 	return EXIT_FAILURE;
-}
-
-// SIGINT and SIGTERM as a readable descriptor; -1 if that fails.
-int signals_as_descriptor()
-{
-	sigset_t set;
-	if (sigemptyset(&set) != 0 || sigaddset(&set, SIGINT) != 0 || sigaddset(&set, SIGTERM) != 0 ||
-			sigprocmask(SIG_BLOCK, &set, nullptr) != 0)
-		return -1;
-	return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
 // Which directory an ECU's plug-in comes from: the command line goes before the ECU, the ECU before the bench.
@@ -83,9 +72,9 @@ bool load_plugins(const options &chosen, const bench_description &bench, std::ve
 
 int run(const options &chosen)
 {
-	const int stop_descriptor = signals_as_descriptor();
+	const int stop_descriptor = stop_signals_descriptor();
 	if (stop_descriptor < 0)
-		return fail("signals cannot be waited for");
+		return fail("no descriptor is left to wait for signals with; raise the limit (ulimit -n)");
 
 	std::string error;
 	bench_description bench;
