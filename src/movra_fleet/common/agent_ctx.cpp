@@ -1,6 +1,5 @@
 #include "movra_fleet/common/agent_ctx.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 
@@ -9,8 +8,10 @@
 namespace
 {
 
-// Any longer pause lasts this long, 31 years: the end must fit a time_t of 32 bits.
-constexpr uint32_t longest_pause_s = 1'000'000'000;
+bool fits(uint32_t used, uint32_t more, uint32_t limit)
+{
+	return more <= limit && used <= limit - more;
+}
 
 }
 
@@ -42,8 +43,9 @@ void agent_ctx_free(agent_ctx *ctx)
 bool pending_jobs_append(agent_ctx *ctx, diag_job *job)
 {
 	held_lock lock = hold(&ctx->pending_lock);
-	if (ctx->pending_job_count >= pending_jobs_limit || job->command_count > pending_commands_limit ||
-			ctx->pending_command_count > pending_commands_limit - job->command_count)
+	if (ctx->pending_job_count >= pending_jobs_limit ||
+			!fits(ctx->pending_command_count, job->command_count, pending_commands_limit) ||
+			!fits(ctx->pending_memory, job->memory, pending_memory_limit))
 		return false;
 
 	diag_job **tail = &ctx->pending_jobs;
@@ -53,6 +55,7 @@ bool pending_jobs_append(agent_ctx *ctx, diag_job *job)
 	*tail = job;
 	ctx->pending_job_count += 1;
 	ctx->pending_command_count += job->command_count;
+	ctx->pending_memory += job->memory;
 	return true;
 }
 
@@ -72,6 +75,7 @@ void pending_jobs_remove(agent_ctx *ctx, diag_job *job)
 		job->next = nullptr;
 		ctx->pending_job_count -= 1;
 		ctx->pending_command_count -= job->command_count;
+		ctx->pending_memory -= job->memory;
 		return;
 	}
 }
@@ -108,7 +112,7 @@ void agent_pause(agent_ctx *ctx, uint32_t seconds)
 {
 	struct timespec end = {};
 	(void)clock_gettime(CLOCK_MONOTONIC, &end); // fails only for an unknown clock
-	end.tv_sec += static_cast<time_t>(std::min(seconds, longest_pause_s));
+	end.tv_sec += static_cast<time_t>(seconds);
 
 	held_lock lock = hold(&ctx->stop_lock);
 	while (ctx->stopping == 0)

@@ -79,6 +79,7 @@ struct diag_job {
 	can_port *can_ports;              // owned list
 	uds_command *commands;            // owned list, in request order
 	uint32_t command_count;           // length of commands when the job was queued
+	uint32_t memory;                  // job_memory when it was queued
 	security_access_config *security; // owned, or NULL
 	diag_job *next;                   // in pending_jobs
 };
@@ -92,6 +93,7 @@ struct agent_ctx {
 
 	uint32_t pending_job_count;     // guarded by pending_lock
 	uint32_t pending_command_count; // guarded by pending_lock: sum of the pending jobs' command_count
+	uint32_t pending_memory;        // guarded by pending_lock: sum of the pending jobs' memory
 	pthread_mutex_t pending_lock;
 	pthread_mutex_t bus_lock;  // held for the length of a send
 	pthread_mutex_t stop_lock; // guards all below

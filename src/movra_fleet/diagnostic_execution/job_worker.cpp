@@ -5,6 +5,7 @@
 #include "movra_fleet/common/agent_ctx.h"
 #include "movra_fleet/common/agent_log.h"
 #include "movra_fleet/common/dtc_tables.h"
+#include "movra_fleet/common/security_config.h"
 #include "movra_fleet/common/uds_command.h"
 #include "movra_fleet/diagnostic_execution/dtc_reading.h"
 #include "movra_fleet/diagnostic_execution/transports.h"
@@ -81,16 +82,6 @@ void free_commands(diag_job *job)
 	}
 }
 
-void free_security(diag_job *job)
-{
-	if (job->security == nullptr)
-		return;
-	free(job->security->location);
-	free(job->security->script);
-	free(job->security);
-	job->security = nullptr;
-}
-
 template <typename T>
 void free_and_clear(T *&pointer)
 {
@@ -128,7 +119,8 @@ void free_job_contents(diag_job *job)
 	free_can_ports(job);
 	free_transports(job);
 	free_commands(job);
-	free_security(job);
+	free_security_config(job->security);
+	job->security = nullptr;
 	free_and_clear(job->dtc_data);
 	free_and_clear(job->reply_id);
 	free_and_clear(job->source_address);

@@ -7,6 +7,7 @@
 
 #include "movra_fleet/common/agent_ctx.h"
 #include "movra_fleet/common/agent_log.h"
+#include "movra_fleet/common/job_memory.h"
 #include "movra_fleet/common/request_number.h"
 #include "movra_fleet/diagnostic_execution/job_worker.h"
 #include "movra_fleet/request_intake/can_settings.h"
@@ -125,6 +126,7 @@ int read_transport_settings(json_object *request, diag_job *job)
 // Takes the job over on success; else it is the caller's again.
 int queue_job(agent_ctx *ctx, diag_job *job)
 {
+	job->memory = job_memory(job);
 	if (!pending_jobs_append(ctx, job))
 		return drop("too many pending requests");
 	if (threadpool_add_work(ctx->pool, diag_job_worker, ctx) == 0)

@@ -7,6 +7,7 @@
 #include "movra_fleet/common/agent_log.h"
 #include "movra_fleet/common/dtc_tables.h"
 #include "movra_fleet/common/hex.h"
+#include "movra_fleet/request_intake/request_field.h"
 #include "scoped.h"
 #include "tervUtils.h"
 
@@ -77,16 +78,6 @@ constexpr record_type record_types[] = {
 };
 static_assert(sizeof record_types / sizeof *record_types == 4);
 
-// The path helper gives the deepest object along its path: an object around the record when that is none itself.
-bool record_is_object(json_object *request)
-{
-	json_object *node = request;
-	for (const char *key : {"body", "uds", "data-record"})
-		if (!json_object_object_get_ex(node, key, &node))
-			return false;
-	return json_object_is_type(node, json_type_object);
-}
-
 }
 
 int parse_dtc_request(json_object *request, diag_job *job)
@@ -103,7 +94,7 @@ int parse_dtc_request(json_object *request, diag_job *job)
 	json_object *object = nullptr;
 	int found = json_get_path(request, json_type_object, &object, "body", "uds", "data-record", nullptr);
 	owned_json record(object);
-	if (found != 0 || !record_is_object(request))
+	if (found != 0 || !field_has_type(request, {"body", "uds", "data-record"}, json_type_object))
 		return fail("Unable to get data-record");
 	return parse_data_record(record.get(), job) == 0 ? 0 : fail("Unable to expand record");
 }

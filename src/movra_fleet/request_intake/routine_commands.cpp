@@ -8,6 +8,7 @@
 #include "movra_fleet/common/hex.h"
 #include "movra_fleet/common/request_number.h"
 #include "movra_fleet/common/uds_command.h"
+#include "movra_fleet/request_intake/request_field.h"
 #include "movra_fleet/request_intake/security_settings.h"
 #include "scoped.h"
 #include "tervUtils.h"
@@ -89,11 +90,12 @@ bool ensure_security(json_object *request, diag_job *job)
 	if (job->security != nullptr)
 		return true;
 	json_object *copy = nullptr;
-	if (json_get_path(request, json_type_object, &copy, "body", "routine", "security_access", nullptr) != 0) {
+	int found = json_get_path(request, json_type_object, &copy, "body", "routine", "security_access", nullptr);
+	held_document settings(copy);
+	if (found != 0 || !field_has_type(request, {"body", "routine", "security_access"}, json_type_object)) {
 		FLEET_TEXT(LOG_ERR, "No security_access property");
 		return false;
 	}
-	held_document settings(copy);
 	if (parse_security_config(job, settings.get()) != 0) {
 		FLEET_TEXT(LOG_ERR, "Failed to parse Security information");
 		return false;

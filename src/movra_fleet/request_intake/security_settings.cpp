@@ -5,6 +5,7 @@
 
 #include "movra_fleet/common/agent_log.h"
 #include "movra_fleet/common/request_number.h"
+#include "movra_fleet/common/security_config.h"
 #include "scoped.h"
 #include "tervUtils.h"
 
@@ -12,15 +13,6 @@ namespace
 {
 
 constexpr int hexadecimal = 16;
-
-void free_settings(security_access_config *config)
-{
-	if (config == nullptr)
-		return;
-	free(config->location);
-	free(config->script);
-	free(config);
-}
 
 bool read_required(json_object *settings, const char *key, const char *missing, const char **text)
 {
@@ -45,10 +37,10 @@ bool copy_required(json_object *settings, const char *key, const char *missing, 
 
 int parse_security_config(diag_job *job, json_object *settings)
 {
-	free_settings(job->security);
+	free_security_config(job->security);
 	job->security = nullptr;
 
-	scoped<security_access_config, free_settings> config(
+	scoped<security_access_config, free_security_config> config(
 			static_cast<security_access_config *>(calloc(1, sizeof(security_access_config))));
 	if (!config) {
 		FLEET_TEXT(LOG_ERR, "Memory Allocation failed");

@@ -1,24 +1,15 @@
 #include "movra_fleet/request_intake/version_request.h"
 
 #include "movra_fleet/common/agent_log.h"
+#include "movra_fleet/request_intake/request_field.h"
 #include "tervUtils.h"
 
 namespace
 {
 
-// The path helper gives the deepest object along its path: one around the query when that is none itself.
-bool query_has_type(json_object *request, const char *key, json_type type)
-{
-	json_object *node = request;
-	for (const char *step : {"body", "version", key})
-		if (!json_object_object_get_ex(node, step, &node))
-			return false;
-	return json_object_is_type(node, type);
-}
-
 int copy_query(json_object *request, json_type type, const char *key, const char *failed, diag_job *job)
 {
-	if (query_has_type(request, key, type) &&
+	if (field_has_type(request, {"body", "version", key}, type) &&
 			json_get_path(request, type, &job->version_query, "body", "version", key, nullptr) == 0)
 		return 0;
 	FLEET_TEXT(LOG_ERR, failed);
@@ -30,7 +21,7 @@ int copy_query(json_object *request, json_type type, const char *key, const char
 int parse_version_request(json_object *request, diag_job *job)
 {
 	// A query by UDS that is no list counts as absent.
-	if (query_has_type(request, "uds", json_type_array)) {
+	if (field_has_type(request, {"body", "version", "uds"}, json_type_array)) {
 		job->version_kind = VERSION_UDS;
 		return copy_query(request, json_type_array, "uds", "'uds' not found in version JSON message", job);
 	}

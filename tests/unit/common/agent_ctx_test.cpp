@@ -140,6 +140,27 @@ TEST_F(agent_context, refuses_commands_beyond_the_limit)
 	EXPECT_FALSE(pending_jobs_append(ctx, &two));
 }
 
+TEST_F(agent_context, refuses_memory_beyond_the_limit)
+{
+	diag_job most = {}, one = {}, two = {}, too_much = {}, absurd = {};
+	most.memory = pending_memory_limit - 1;
+	one.memory = 1;
+	two.memory = 2;
+	too_much.memory = pending_memory_limit + 1;
+	absurd.memory = UINT32_MAX;
+	EXPECT_FALSE(pending_jobs_append(ctx, &too_much));
+	EXPECT_FALSE(pending_jobs_append(ctx, &absurd));
+	EXPECT_TRUE(pending_jobs_append(ctx, &most));
+	EXPECT_FALSE(pending_jobs_append(ctx, &two));
+	EXPECT_FALSE(pending_jobs_append(ctx, &absurd));
+	EXPECT_TRUE(pending_jobs_append(ctx, &one));
+	EXPECT_EQ(ctx->pending_memory, pending_memory_limit);
+
+	pending_jobs_remove(ctx, &most);
+	EXPECT_TRUE(pending_jobs_append(ctx, &two));
+	EXPECT_EQ(ctx->pending_memory, 3u);
+}
+
 TEST_F(agent_context, takes_jobs_and_gives_them_on_several_threads)
 {
 	constexpr uint32_t rounds = 500;

@@ -35,7 +35,6 @@ const struct {
 		{"src/tvtimer.", 6},
 		{"src/tervUtils.", 6},
 		{"src/can_parser.", 6},
-		{"src/j1939_signal.", 6},
 		{"src/logger.", 7},
 		{"src/threadpool.", 7},
 		{"platform/include/", 7},

@@ -77,6 +77,47 @@ TEST_F(hostile_request, of_as_many_commands_as_may_wait_is_queued)
 	EXPECT_EQ(ctx->pending_jobs->command_count, pending_commands_limit);
 }
 
+// A document in memory is many times its text.
+TEST_F(hostile_request, with_a_large_version_query_waits_only_as_long_as_there_is_memory_for_it)
+{
+	constexpr uint32_t rounds = 3;
+	struct {
+		std::string work;
+		uint32_t accepted;
+	} rows[] = {
+			{R"("version":{"uds":[{})" + repeated(",{}", 100'000) + "]}", 0},
+			{R"("version":{"uds":[[])" + repeated(",[]", 100'000) + "]}", 1},
+			{R"("version":{"uds":["22F189")" + repeated(R"(,"22F189")", 100) + "]}", 3},
+			{R"("version":{"j1939":{"signal":[{})" + repeated(",{}", 50'000) + "]}}", 1},
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(row.work.substr(0, 40));
+		request_text request;
+		request.work = row.work;
+		for (uint32_t i = 0; i < rounds; i++)
+			survive(request.text());
+		EXPECT_EQ(ctx->pending_job_count, rounds + row.accepted);
+		EXPECT_LE(ctx->pending_memory, pending_memory_limit);
+		EXPECT_EQ(log.messages("ERR"), strings(rounds - row.accepted, "too many pending requests"));
+		drop_pending();
+		EXPECT_EQ(ctx->pending_memory, 0u);
+		log.clear();
+	}
+}
+
+TEST_F(hostile_request, with_large_texts_waits_only_as_long_as_there_is_memory_for_it)
+{
+	request_text request;
+	request.reply_id = R"("reply-id":")" + std::string(mebibyte - 1000, 'r') + '"';
+	uint32_t accepted = 0;
+	while (accepted < 100 && dispatch(request) == 0)
+		accepted++;
+
+	EXPECT_EQ(accepted, 64u);
+	EXPECT_EQ(log.messages("ERR"), (strings{"too many pending requests"}));
+	EXPECT_EQ(dispatch(request_text()), 0);
+}
+
 TEST_F(hostile_request, with_a_large_document_around_missing_keys_is_read_in_time)
 {
 	std::string padding = R"(,"padding":")" + repeated("\\u0001", mebibyte / 6 - 100) + "\"";

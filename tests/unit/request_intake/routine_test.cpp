@@ -218,13 +218,15 @@ TEST_F(routine, goes_on_with_the_checks_after_the_list_ended_early)
 	EXPECT_EQ(dropped(request), (strings{"No security_access property", "LIN Transport type not supported yet!!"}));
 }
 
-TEST_F(routine, takes_security_settings_of_another_type_for_unusable_ones)
+TEST_F(routine, takes_security_settings_of_another_type_for_missing_ones)
 {
 	for (const char *settings : {"null", "[]", "\"text\"", "5"}) {
 		SCOPED_TRACE(settings);
-		EXPECT_THAT(commands(R"([{"service":"27"}])", R"("security_access":)" + std::string(settings)), IsEmpty());
-		EXPECT_EQ(log.messages("ERR"),
-				(strings{"level not found in JSON message", "Failed to parse Security information"}));
+		// Nor are settings that lie one object too high taken in their place.
+		std::string more =
+				R"("level":"11","script":"S","location":"/opt/key","security_access":)" + std::string(settings);
+		EXPECT_THAT(commands(R"([{"service":"10"},{"service":"27"}])", more), ElementsAre(bytes{0x10}));
+		EXPECT_EQ(log.messages("ERR"), (strings{"No security_access property"}));
 	}
 }
 
