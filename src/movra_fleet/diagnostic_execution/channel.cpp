@@ -1,5 +1,6 @@
 #include "movra_fleet/diagnostic_execution/channel.h"
 
+#include "movra_fleet/common/agent_ctx.h"
 #include "movra_fleet/common/agent_log.h"
 #include "movra_fleet/diagnostic_execution/transports.h"
 
@@ -35,4 +36,10 @@ int open_channel(transport_cfg *cfg)
 		return -1;
 	}
 	return 0;
+}
+
+int open_ready_channel(agent_ctx *ctx, transport_cfg *cfg)
+{
+	bool ready = !agent_stop_requested(ctx) && interface_ready(cfg) && !agent_stop_requested(ctx);
+	return ready ? open_channel(cfg) : -1;
 }

@@ -8,3 +8,6 @@ bool interface_ready(const transport_cfg *cfg);
 
 // Opens the channel; the handle is stored in any case. 0, or -1.
 int open_channel(transport_cfg *cfg);
+
+// Both, for a job with one channel. Each may take seconds, so an agent that stops begins neither: -1 then, unlogged.
+int open_ready_channel(agent_ctx *ctx, transport_cfg *cfg);

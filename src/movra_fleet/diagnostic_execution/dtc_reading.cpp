@@ -22,6 +22,8 @@ int open_channels(agent_ctx *ctx, diag_job *job)
 {
 	for (transport_cfg *cfg = job->transport; cfg != nullptr; cfg = cfg->next) {
 		FLEET_LINE(LOG_INFO, "Sending commad to %s", cfg->phy_req_id_text != nullptr ? cfg->phy_req_id_text : "nill");
+		if (agent_stop_requested(ctx))
+			return -1;
 		if (!interface_ready(cfg))
 			return 0;
 		if (agent_stop_requested(ctx) || open_channel(cfg) < 0)

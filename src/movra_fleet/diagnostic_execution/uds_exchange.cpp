@@ -168,7 +168,7 @@ int run_uds_commands(agent_ctx *ctx, diag_job *job)
 		return -1;
 	}
 
-	int result = interface_ready(cfg) ? open_channel(cfg) : -1;
+	int result = open_ready_channel(ctx, cfg);
 	bool own = true;
 	if (result == 0) {
 		running_channel_enter(ctx, cfg);

@@ -128,7 +128,7 @@ int read_uds_version(agent_ctx *ctx, diag_job *job, transport_cfg *cfg)
 {
 	int result = -1;
 	bool own = true;
-	if (interface_ready(cfg) && open_channel(cfg) == 0) {
+	if (open_ready_channel(ctx, cfg) == 0) {
 		version_text version = {};
 		running_channel_enter(ctx, cfg);
 		read_requests(ctx, job, cfg, &version);
@@ -164,6 +164,8 @@ void read_signals(j1939_signal *signals, const uint8_t *data, version_text *vers
 // One frame from the broadcast. 0, or -1, logged.
 int receive_broadcast(agent_ctx *ctx, const j1939_settings *settings, uint8_t (&data)[8])
 {
+	if (agent_stop_requested(ctx)) // to open a port may take seconds
+		return -1;
 	int descriptor = open_can_port(settings->ifname, settings->id);
 	if (descriptor < 0) {
 		FLEET_ERR("Unable to open can port on %s bus\n", settings->ifname);
@@ -178,7 +180,7 @@ int receive_broadcast(agent_ctx *ctx, const j1939_settings *settings, uint8_t (&
 
 int read_j1939_version(agent_ctx *ctx, diag_job *job, transport_cfg *cfg)
 {
-	if (!interface_ready(cfg))
+	if (agent_stop_requested(ctx) || !interface_ready(cfg))
 		return -1;
 	FLEET_LINE(LOG_INFO, "%s\n", json_object_to_json_string(job->version_query));
 	FLEET_TEXT(LOG_INFO, "Using J1939\n");

@@ -301,7 +301,7 @@ TEST_F(dtc_reading, asks_as_many_ecus_as_the_request_lists)
 		}
 }
 
-TEST_F(dtc_reading, asks_only_the_ecus_before_an_interface_that_is_missing)
+TEST_F(dtc_reading, receives_only_from_the_ecus_before_an_interface_that_is_missing)
 {
 	ask_all();
 	EXPECT_EQ(add_can_port(job, 0x7DF, cfg), 0);
@@ -454,12 +454,26 @@ TEST_F(dtc_reading, ends_when_the_agent_stops)
 	EXPECT_EQ(ecu.calls("recv_diag_command").size(), 1u);
 }
 
-TEST_F(dtc_reading, opens_and_sends_nothing_once_the_agent_has_stopped)
+TEST_F(dtc_reading, calls_nothing_once_the_agent_has_stopped)
 {
 	agent_request_stop(agent.ctx);
 	EXPECT_EQ(run(), -1);
-	EXPECT_EQ(ecu.calls("transport_init").size(), 0u);
-	EXPECT_EQ(ecu.requests().size(), 0u);
+	EXPECT_EQ(ecu.names(), texts{});
+}
+
+// Another library may tell a number of bytes, and number its channels from 0.
+TEST_F(dtc_reading, takes_only_negative_results_for_failures)
+{
+	ecu.init_results = {fake_ecu::handle_zero};
+	ecu.send_results = {3};
+	ecu.answers({fake_answer({0x59, 0x02, 0xFF}, 3)});
+
+	EXPECT_EQ(run(), 0);
+
+	EXPECT_EQ(reported(), texts{"7E0 FF"});
+	EXPECT_EQ(output.messages("ERR"), texts{});
+	EXPECT_EQ(handles("send_diag_command"), std::vector<int>{0});
+	EXPECT_EQ(handles("recv_diag_command"), std::vector<int>{0});
 }
 
 TEST_F(dtc_reading, sends_nothing_more_when_the_agent_stops_while_channels_open)

@@ -162,6 +162,31 @@ TEST_F(j1939_version, closes_a_port_whose_descriptor_is_zero)
 	}
 }
 
+TEST_F(j1939_version, takes_only_negative_results_for_failures)
+{
+	watch(signal_text("0", "8"));
+	ecu.frames(broadcast, {fake_answer({0x07}, 1)});
+
+	EXPECT_EQ(run(), 0);
+
+	EXPECT_EQ(version(), "7");
+}
+
+TEST_F(j1939_version, opens_no_port_once_the_agent_has_stopped)
+{
+	watch("");
+	ecu.on_call = [&](const fake_uds_call &call) {
+		if (call.function == "transport_interface_status")
+			agent_request_stop(agent.ctx);
+	};
+	EXPECT_EQ(run(), -1);
+	EXPECT_EQ(ecu.calls("open_can_port").size(), 0u);
+
+	size_t calls_before = ecu.names().size();
+	EXPECT_EQ(run(), -1);
+	EXPECT_EQ(ecu.names().size(), calls_before);
+}
+
 TEST_F(j1939_version, leaves_the_port_to_its_reader_when_the_agent_stops)
 {
 	event begun, goes_on;

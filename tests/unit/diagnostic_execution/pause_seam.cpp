@@ -10,12 +10,12 @@ namespace
 {
 
 std::mutex seam_lock;
-std::vector<long> pauses;
+std::vector<int64_t> pauses;
 std::function<void()> in_pause;
 
 }
 
-std::vector<long> pause_seam::pauses_s()
+std::vector<int64_t> pause_seam::pauses_s()
 {
 	std::lock_guard guard(seam_lock);
 	return pauses;
@@ -40,7 +40,7 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t *, pthread_mutex_t *mutex, cloc
 	std::function<void()> during;
 	{
 		std::lock_guard guard(seam_lock);
-		pauses.push_back(static_cast<long>(left + 0.5));
+		pauses.push_back(static_cast<int64_t>(left + 0.5));
 		during = in_pause;
 	}
 	if (during) {

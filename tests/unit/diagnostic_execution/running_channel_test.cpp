@@ -68,7 +68,7 @@ protected:
 		worker.join();
 
 		EXPECT_EQ(got, result);
-		EXPECT_EQ(pause_seam::pauses_s(), std::vector<long>{2});
+		EXPECT_EQ(pause_seam::pauses_s(), std::vector<int64_t>{2});
 		std::vector<fake_uds_call> closes = ecu.calls("transport_deinit");
 		return closes.size() == 1 && closes[0].handle == 33 && closes[0].kind == 1;
 	}
@@ -166,7 +166,7 @@ TEST_F(running_channel, is_not_waited_for_when_no_job_runs)
 {
 	agent_request_stop(agent.ctx);
 	running_channel_end(agent.ctx, 2);
-	EXPECT_EQ(pause_seam::pauses_s(), std::vector<long>{});
+	EXPECT_EQ(pause_seam::pauses_s(), std::vector<int64_t>{});
 	EXPECT_EQ(ecu.names(), texts{});
 }
 
@@ -175,6 +175,6 @@ TEST_F(running_channel, of_a_job_that_is_over_is_not_closed_again)
 	EXPECT_EQ(run_uds_commands(agent.ctx, job), 0);
 	agent_request_stop(agent.ctx);
 	running_channel_end(agent.ctx, 2);
-	EXPECT_EQ(pause_seam::pauses_s(), std::vector<long>{});
+	EXPECT_EQ(pause_seam::pauses_s(), std::vector<int64_t>{});
 	EXPECT_EQ(ecu.calls("transport_deinit").size(), 1u);
 }

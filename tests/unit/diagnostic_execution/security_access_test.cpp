@@ -53,6 +53,14 @@ TEST_F(security_access, sends_the_key_under_the_next_sub_function_most_significa
 	EXPECT_EQ(log(), texts{"INFO Generated Key: a1b2c3d4"});
 }
 
+TEST_F(security_access, takes_only_a_negative_result_of_the_send_for_a_failure)
+{
+	settings("fake_ecusecalgo", "any", 1);
+	ecu.send_results = {6, -1};
+	EXPECT_EQ(security_access_exchange(job, cfg, 0, 0x01), 0);
+	EXPECT_LT(security_access_exchange(job, cfg, 0, 0x01), 0);
+}
+
 TEST_F(security_access, hands_seed_script_and_the_low_byte_of_the_level_to_the_plugin)
 {
 	const struct {

@@ -102,6 +102,41 @@ TEST_F(uds_exchange, reports_a_positive_answer_with_its_times)
 	EXPECT_EQ(errors(), texts{});
 }
 
+// Another library may tell a number of bytes, and number its channels from 0.
+TEST_F(uds_exchange, takes_only_negative_results_for_failures)
+{
+	ecu.init_results = {fake_ecu::handle_zero};
+	ecu.send_results = {3};
+	ecu.answers({fake_answer({0x7F, 0x22, 0x78}, 3), fake_answer({0x62, 0xF1, 0x90, 'W'}, 4)});
+
+	EXPECT_EQ(run({0x22, 0xF1, 0x90}), 0);
+
+	EXPECT_EQ(only_outcome().response, "62F19057");
+	EXPECT_EQ(only_outcome().error, "none");
+	EXPECT_EQ(errors(), texts{});
+	for (const char *function : {"send_diag_command", "recv_diag_command", "transport_deinit"})
+		EXPECT_EQ(ecu.calls(function).back().handle, 0) << function;
+}
+
+TEST_F(uds_exchange, opens_nothing_once_the_agent_has_stopped)
+{
+	for (const char *last : {"transport_interface_availibility", "transport_interface_status"}) {
+		SCOPED_TRACE(last);
+		ecu.on_call = [&](const fake_uds_call &call) {
+			if (call.function == last)
+				agent_request_stop(agent.ctx);
+		};
+		EXPECT_EQ(run({0x22, 0xF1, 0x90}), -1);
+		EXPECT_EQ(ecu.calls("transport_init").size(), 0u);
+		agent.ctx->stopping = 0;
+	}
+	agent_request_stop(agent.ctx);
+	size_t calls_before = ecu.names().size();
+	EXPECT_EQ(run({0x22, 0xF1, 0x90}), -1);
+	texts names = ecu.names();
+	EXPECT_EQ(texts(names.begin() + static_cast<long>(calls_before), names.end()), texts{"transport_deinit"});
+}
+
 TEST_F(uds_exchange, sends_no_command_when_the_channel_cannot_be_opened)
 {
 	const struct {

@@ -347,6 +347,42 @@ TEST_F(version_reading, takes_10000_requests)
 	EXPECT_EQ(version(), "0123456789abc");
 }
 
+// Another library may tell a number of bytes, and number its channels from 0.
+TEST_F(version_reading, takes_only_negative_results_for_failures)
+{
+	ask({"22F189"});
+	ecu.init_results = {fake_ecu::handle_zero};
+	ecu.send_results = {3};
+	ecu.answers({fake_answer({0x7F, 0x22, 0x78}, 3), fake_answer(answer_of(head, "V1.4"), 7)});
+
+	EXPECT_EQ(run(), 0);
+
+	EXPECT_EQ(version(), "V1.4");
+	EXPECT_EQ(errors(), texts{});
+	for (const char *function : {"send_diag_command", "recv_diag_command", "transport_deinit"})
+		EXPECT_EQ(ecu.calls(function).back().handle, 0) << function;
+}
+
+TEST_F(version_reading, opens_nothing_once_the_agent_has_stopped)
+{
+	for (const char *last : {"transport_interface_availibility", "transport_interface_status"}) {
+		SCOPED_TRACE(last);
+		ask({"22F189"});
+		ecu.on_call = [&](const fake_uds_call &call) {
+			if (call.function == last)
+				agent_request_stop(agent.ctx);
+		};
+		EXPECT_EQ(run(), -1);
+		EXPECT_EQ(ecu.calls("transport_init").size(), 0u);
+		agent.ctx->stopping = 0;
+	}
+	agent_request_stop(agent.ctx);
+	size_t calls_before = ecu.names().size();
+	EXPECT_EQ(run(), -1);
+	texts names = ecu.names();
+	EXPECT_EQ(texts(names.begin() + static_cast<long>(calls_before), names.end()), texts{"transport_deinit"});
+}
+
 TEST_F(version_reading, sends_no_further_request_when_the_agent_stops)
 {
 	ask({"22F189"}, 3);
