@@ -19,6 +19,11 @@ uint32_t shifted_left(uint32_t value, int32_t count)
 	return static_cast<uint32_t>(count) < value_bits ? value << count : 0;
 }
 
+uint32_t shifted_right(uint32_t value, uint8_t count)
+{
+	return count < value_bits ? value >> count : 0;
+}
+
 can_extraction describe_byte(int32_t byte, int32_t bit, int32_t count, int32_t taken)
 {
 	return {
@@ -76,7 +81,7 @@ uint32_t extract_raw_value(const uint8_t *bytes, const can_extraction *table)
 {
 	uint32_t value = 0;
 	for (; table->mask != 0; ++table) {
-		uint32_t bits = static_cast<uint32_t>(bytes[table->byte_index] & table->mask) >> table->right_shift;
+		uint32_t bits = shifted_right(bytes[table->byte_index] & uint32_t{table->mask}, table->right_shift);
 		value |= shifted_left(bits, static_cast<int32_t>(table->left_shift));
 	}
 	return value;

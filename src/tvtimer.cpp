@@ -27,8 +27,8 @@ namespace
 
 constexpr const char module_name[] = "tvtimer";
 constexpr int events_at_once = 128;
-constexpr int wait_ms = 1000;          // the longest time until the thread looks at the running flag
-constexpr double longest_period = 1e9; // seconds; what a time_t of 32 bits can hold
+constexpr int wait_ms = 1000;           // the longest time until the thread looks at the running flag
+constexpr double longest_period = 9e18; // seconds; what a time_t can hold
 
 struct tvtimer_entry {
 	tvtimer timer; // the service's copy; its count is the one that is decremented
@@ -262,8 +262,8 @@ int create_descriptor()
 int arm(const tvtimer *timer)
 {
 	struct itimerspec interval = interval_of(timer->period);
-	LOG_AT(LOG_INFO, module_name, "adding timer \"%s\" fd=%d period=%ld.%03ld Seconds\n", timer->name, timer->fd,
-			static_cast<long>(interval.it_interval.tv_sec),
+	LOG_AT(LOG_INFO, module_name, "adding timer \"%s\" fd=%d period=%lld.%03ld Seconds\n", timer->name, timer->fd,
+			static_cast<long long>(interval.it_interval.tv_sec),
 			static_cast<long>(interval.it_interval.tv_nsec / 1'000'000));
 	if (timer->count == 0 || timerfd_settime(timer->fd, 0, &interval, nullptr) == 0)
 		return 0;

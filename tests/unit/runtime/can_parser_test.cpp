@@ -139,7 +139,8 @@ TEST(extract_raw_value, is_zero_for_an_empty_table)
 
 TEST(extract_raw_value, loses_bits_that_are_shifted_by_32_or_more)
 {
-	const can_extraction table[] = {{0, 0xFF, 0, 32}, {0, 0xFF, 0, 0xFFFFFFFF}, {1, 0xFF, 0, 24}, {}};
+	const can_extraction table[] = {
+			{0, 0xFF, 0, 32}, {0, 0xFF, 0, 0xFFFFFFFF}, {0, 0xFF, 32, 0}, {0, 0xFF, 255, 0}, {1, 0xFF, 0, 24}, {}};
 	const uint8_t bytes[] = {0xAB, 0xCD};
 	EXPECT_EQ(extract_raw_value(bytes, table), 0xCD000000u);
 }

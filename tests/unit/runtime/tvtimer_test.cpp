@@ -163,6 +163,8 @@ TEST_F(timer_service, shows_periods_in_seconds_and_milliseconds)
 			{0.0009, "0.000"},
 			{0.25, "0.250"},
 			{1e8 + 0.5, "100000000.500"},
+			{4e9 + 0.25, "4000000000.250"}, // more than 32 bits
+			{1e18, "1000000000000000000.000"},
 	};
 	for (const auto &row : rows) {
 		SCOPED_TRACE(row.period);
