@@ -126,14 +126,12 @@ void on_message(tervbus_client *client, tervbus_message *message)
 		LOG_AT(LOG_ERR, mobus_log_source, "client is NULL");
 		return;
 	}
-	mobus_connection *connection = connection_of(client);
-	if (connection == nullptr)
-		return;
 	if (message == nullptr) {
 		LOG_AT(LOG_ERR, mobus_log_source, "msg is NULL");
 		return;
 	}
-	if (connection->message_callback != nullptr)
+	mobus_connection *connection = connection_of(client);
+	if (connection != nullptr && connection->message_callback != nullptr)
 		(void)connection->message_callback(message->data, message->length, message->source, connection->context);
 }
 

@@ -399,7 +399,7 @@ int tervbus_init_client(tervbus_client *client, const char *broker_url)
 		std::lock_guard<std::mutex> held(lock);
 		state.client = client;
 		state.started_with = {client->mode, client->identity.type, file_bytes(client->identity.private_key),
-				first_bytes(client->identity.chain), first_bytes(client->identity.trust), client->user};
+				first_bytes(client->identity.chain), first_bytes(client->identity.trust), client->user, broker_url};
 	}
 	int result = 0;
 	if (stands_in("tervbus_init_client", shown(broker_url), &result))
@@ -433,17 +433,18 @@ int tervbus_stop_client(tervbus_client *)
 	return 0;
 }
 
-int tervbus_get_identity_data(tervbus_identity *, address_entry **addresses, int first, int second)
+int tervbus_get_identity_data(tervbus_identity *identity, address_entry **addresses, int first, int second)
 {
+	EXPECT_NE(first_bytes(identity->chain), "") << "not the identity that was read";
 	int result = 0;
 	if (stands_in("tervbus_get_identity_data", std::to_string(first) + " " + std::to_string(second), &result))
 		return result;
-	std::vector<address> identity;
+	std::vector<address> own;
 	{
 		std::lock_guard<std::mutex> held(lock);
-		identity = state.identity;
+		own = state.identity;
 	}
-	*addresses = fake_bus::make_list(identity);
+	*addresses = fake_bus::make_list(own);
 	return 0;
 }
 

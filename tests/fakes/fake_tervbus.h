@@ -83,12 +83,13 @@ void set_next_id(uint32_t id);
 // The record last given to tervbus_init_client, whatever came of it; NULL before and after its release.
 tervbus_client *client();
 
-// What tervbus_init_client saw: the mode word and the identity's bytes (empty when missing).
+// What tervbus_init_client saw: the mode word, the identity's bytes (empty when missing), the user pointer, the URL.
 struct start_view {
 	uint32_t mode;
 	uint32_t identity_type;
 	std::string private_key, certificate, ca;
 	void *user;
+	const char *url; // as it was given: a library may keep the pointer until the release
 };
 start_view started_with();
 

@@ -1,5 +1,7 @@
 #include "unit/movrabus/bus_fixture.h"
 
+#include <thread>
+
 #include "support/fail_nth.h"
 
 using testing::IsEmpty;
@@ -263,7 +265,6 @@ TEST_F(bus_callbacks, have_no_effect_before_the_client_has_started_but_for_statu
 		message.data = const_cast<char *>("{}");
 		message.length = 3;
 		early->on_message(early, &message);
-		early->on_message(early, nullptr);
 		early->on_delivered(early, &message, nullptr, 0);
 		early->on_release(early);
 		fake_bus::presence({fake_bus::special(0)}, {});
@@ -278,12 +279,32 @@ TEST_F(bus_callbacks, have_no_effect_before_the_client_has_started_but_for_statu
 	EXPECT_EQ(mobus_get_state(connection), 0);
 }
 
+TEST_F(bus_callbacks, log_a_missing_message_also_before_the_client_has_started)
+{
+	fake_bus::on_call("tervbus_init_client", [this] {
+		log.clear();
+		fake_bus::raw_message(nullptr);
+		EXPECT_EQ(log.messages("ERR"), (strings{"msg is NULL"}));
+	});
+
+	start();
+}
+
 TEST_F(bus_callbacks, come_from_a_thread_while_the_state_is_asked_for)
 {
 	start_quietly();
-	fake_bus::on_own_thread([] { fake_bus::presence({fake_bus::unit("PEER")}, {}); });
+	constexpr int rounds = 500;
+	std::thread library([] {
+		for (int i = 0; i < rounds; i++) {
+			fake_bus::presence({}, {fake_bus::special(0)});
+			fake_bus::presence({fake_bus::special(0)}, {});
+		}
+	});
+	for (int i = 0; i < rounds; i++)
+		EXPECT_EQ(mobus_get_state(connection) & ~(MOBUS_STATE_CONNECTED | MOBUS_STATE_DM_CLIENT), 0);
+	library.join();
 
-	EXPECT_TRUE(mobus_has_state(connection, MOBUS_STATE_CONNECTED));
+	EXPECT_EQ(mobus_get_state(connection), MOBUS_STATE_CONNECTED | MOBUS_STATE_DM_CLIENT);
 }
 
 TEST_F(bus_callbacks, tell_what_was_not_delivered_at_the_stop_and_free_it)
