@@ -82,6 +82,7 @@ DROPPED = [
      ["Array size is zero", "Invalid mask", FOUND, EXPAND, UDS_FAILED]),
     ("a version request without a query", with_version({}), ["No version info available"]),
     ("a version query of the wrong type", with_version({"uds": {}}), ["No version info available"]),
+    ("a broadcast that is a list", with_version({"j1939": []}), ["'j1939' not found in version JSON message"]),
 ]
 
 

@@ -84,6 +84,7 @@ REFUSED = [
     (VALID, ("body", "can", "func-addr"), "7DF"), (VALID, ("body", "routine"), ...),
     (VALID, ("body", "routine", "commands"), ...), (VALID, ("body", "routine", "commands", 0, "service"), ...),
     (VALID, ("body", "routine", "commands", 0, "data"), "123"),
+    (VALID, ("body", "routine", "commands", 0, "data"), "00" * 1023),
     (VALID, ("body", "routine", "commands", 0, "timer"), "soon"), (VALID, ("body", "routine", "security_access"), ...),
     (VALID, ("body", "routine", "security_access", "script"), ...), (VALID, ("body", "uds"), DTC["body"]["uds"]),
     (DTC, ("body", "uds", "SID"), "22"), (DTC, ("body", "uds", "subfunction"), "UDS_REPORT_DTC"),
@@ -91,6 +92,7 @@ REFUSED = [
     (ALL, ("body", "can"), {}), (ALL, ("body", "can", 0, "phy-req-id"), ...),
     (ALL, ("body", "can"), ALL["body"]["can"] * 257), (BROADCAST, ("body", "version"), {}),
     (BROADCAST, ("body", "version", "uds"), ["22F189"]), (BROADCAST, ("body", "version"), {"uds": ["22F18"]}),
+    (BROADCAST, ("body", "version"), {"uds": ["00" * 2049]}),
     (BROADCAST, ("body", "version", "j1939", "timeout"), ...), (BROADCAST, (*SIGNAL, "factor"), ...),
     (BROADCAST, (*SIGNAL, "start_bit"), "-1"),
 ]
