@@ -86,7 +86,7 @@ packaging/install-deps.sh
 say "build: programs and libraries into build/ (the first time takes a while)"
 cmake --preset dev >/dev/null
 cmake --build --preset dev --target movra-quillet quillet-query quillet-ecu quillet-can quillet-pki tervbus udsutils \
-	ecusecalgo quillet_broker_plugin | tail -n 1
+	ecusecalgo quillet_broker_plugin
 
 bin=$PWD/build/bin
 lib=$PWD/build/lib
@@ -119,11 +119,11 @@ mosquitto=$(command -v mosquitto || echo /usr/sbin/mosquitto)
 start broker "$mosquitto" -c "$pki/broker/mosquitto.conf"
 await broker "the broker" accepts "$port"
 
-can_port=$(free_port)
-say "CAN: virtual bus can0 on 127.0.0.1:$can_port, with the three virtual ECUs of tools/quillet-ecu/bench.json"
-start can "$bin/quillet-can" --port "$can_port" can0
-await can "the CAN server" accepts "$can_port"
-export QUILLET_CAN_SERVER=127.0.0.1:$can_port
+say "CAN: a virtual bus can0, with the three virtual ECUs of tools/quillet-ecu/bench.json"
+start can "$bin/quillet-can" --port 0 can0
+await can "the CAN server" grep -qs '^listening on ' "$work/can.log"
+QUILLET_CAN_SERVER=$(sed -n 's/^listening on \([^ ]*\) .*/\1/p' "$work/can.log")
+export QUILLET_CAN_SERVER
 start ecu "$bin/quillet-ecu" tools/quillet-ecu/bench.json
 await ecu "the virtual ECUs" grep -qs '^serving' "$work/ecu.log"
 
