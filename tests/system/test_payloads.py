@@ -9,7 +9,7 @@ import pytest
 from paho.mqtt.packettypes import PacketTypes
 from paho.mqtt.properties import Properties
 
-from harness import BIN, PATIENCE, Agent, Pki
+from harness import BIN, PATIENCE, Agent, Pki, wait_until
 from intruder import Intruder
 from requester import routine
 
@@ -29,7 +29,7 @@ def pki(folder):
 @pytest.fixture(scope="module")
 def agent(pki, broker, can, ecus, folder):
     """An agent that also tells what its bus library says, and has had one connection at its end."""
-    process = Agent(pki.folder / "AGENT-1", broker.port, folder, can_port=can.port, options=("-v",))
+    process = Agent(pki.folder / "AGENT-1", broker.port, folder, can_port=can.port, options=("-v", "-v"))
     process.wait_until_connected()
     yield process
     assert process.interrupt() == 255
@@ -99,6 +99,14 @@ def test_is_dropped_with_one_line(agent, requester, payload, line):
 def test_a_reply_id_that_is_no_utf8_comes_back_as_it_was(agent, requester):
     requester.send("AGENT-1", text_of("it").replace(b'"it"', b'"\xff\xfeit"'))
     assert b'"reply-to": "\xff\xfeit"' in requester.next_message().payload
+
+
+def test_a_reply_s_acknowledgement_is_told_on_the_second_v(agent, requester):
+    requester.send("AGENT-1", text_of("acknowledged"))
+    requester.next_reply()
+    expect_answer(requester)  # lines of this level wait for one that matters more
+    wait_until(lambda: any(level == "D2BG" and text.startswith("BUS ACK ") and '"acknowledged"' in text
+                           for level, _, text in agent.log()), "the line of its acknowledgement")
 
 
 @pytest.mark.parametrize("length", [MIB + 1, 2 * MIB, 16 * MIB])

@@ -47,6 +47,13 @@ def test_a_routine_that_is_pending_four_times_over_three_seconds(agent, requeste
     assert len(agent.lines(pending, "INFO")) - seen == 4
 
 
+def test_a_pause_of_more_than_two_seconds_keeps_the_session_alive_every_two(agent, requester, ecus):
+    seen = len(ecus.requests("engine"))
+    requester.send("AGENT-1", routine("pauses", [("10", "03", "", "3"), ("22", "", "F190", "2"), ("10", "01")]))
+    assert [row[2] for row in outcomes(requester.next_reply(timeout=20))] == ["none"] * 3
+    assert ecus.requests("engine")[seen:] == ["1003", "3E00", "3E00", "22F190", "1001"]
+
+
 def test_a_refused_command_ends_the_routine(agent, requester):
     requester.send("AGENT-1", routine("refused", [("31", "01", "0303"), ("22", "", "F190")]))
     reply = requester.next_reply()

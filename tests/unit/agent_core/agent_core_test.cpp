@@ -205,6 +205,7 @@ TEST_F(agent_core, hands_messages_of_the_bus_to_the_request_intake_with_itself_a
 TEST_F(agent_core, sets_the_level_of_the_transport_library)
 {
 	settings.verbosity = 5;
+	fake_bus::on_call("tervbus_init_client", [this] { EXPECT_EQ(library_level(), -100); }); // it is the last step
 	start();
 
 	EXPECT_EQ(library_level(), 5);

@@ -136,6 +136,14 @@ TEST_F(can_settings, of_one_ecu_do_not_read_a_functional_address)
 	EXPECT_EQ(log.messages("INFO"), (strings{"Interface name: can0"}));
 }
 
+TEST_F(can_settings, tell_the_interface_before_an_identifier_that_is_missing)
+{
+	for (const char *settings : {R"({"ifname":"can7"})", R"({"ifname":"can7","phy-req-id":"7E0"})"}) {
+		EXPECT_THAT(failure(settings), testing::SizeIs(2));
+		EXPECT_TRUE(log.has_line("INFO", "movra_fleet", "Interface name: can7"));
+	}
+}
+
 TEST_F(can_settings, keep_the_request_identifier_as_it_was_given)
 {
 	struct {

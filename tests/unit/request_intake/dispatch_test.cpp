@@ -27,9 +27,11 @@ class request_dispatch : public intake_test
 
 TEST_F(bus_message, without_a_text_is_reported)
 {
-	EXPECT_EQ(handle_bus_message(nullptr, 5, sender, ctx), 0);
-
-	EXPECT_EQ(log.messages(), (strings{"msg is NULL"}));
+	for (size_t length : {5, 0}) {
+		log.clear();
+		EXPECT_EQ(handle_bus_message(nullptr, length, sender, ctx), 0);
+		EXPECT_EQ(log.messages(), (strings{"msg is NULL"}));
+	}
 	EXPECT_TRUE(log.has_line("ERR", "movra_fleet", "msg is NULL"));
 }
 
