@@ -4,12 +4,20 @@ import fcntl
 import json
 import os
 import subprocess
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
 from documents import REPLY
 from harness import BENCH, BIN, PATIENCE, Process, free_port, wait_until
-from requester import outcomes, routine
+from requester import Requester, outcomes, routine
+
+
+@pytest.fixture(scope="module")
+def pki(pki):
+    for name in ("AGENT-2", "AGENT-3"):
+        pki.node(name, "agent")
+    return pki
 
 
 @pytest.fixture
@@ -85,6 +93,29 @@ def test_replies_to_earlier_requests_are_passed_over(agent, query, broker):
     assert (status, replies) == (2, [])
     status, replies, _ = query(*ROUTINE, "--reply-id", "fresh", "--command", "3E:00", certs="TESTER-3")
     assert status == 0 and [reply["reply-to"] for reply in replies] == ["fresh"]
+
+
+def reply_of_a_routine(reply_id, response, error):
+    row = {"service": "0x3E", "requested-time": "2026-05-01T10:00:00Z", "responded-time": "2026-05-01T10:00:00Z",
+           "response-data": response, "error": error}
+    return {"type": "movra.quillet-query-update", "reply-to": reply_id,
+            "body": {"routine-response": [row], "targetAddress": "7E0"}}
+
+
+def test_a_late_reply_of_another_agent_to_the_same_id_is_passed_over(query, pki, broker):
+    """The one that was asked before comes first with its answer."""
+    before, asked = (Requester(pki.folder / name, broker.port) for name in ("AGENT-2", "AGENT-3"))
+    with ThreadPoolExecutor(1) as pool:
+        run = pool.submit(query, "--timeout", "30", "--reply-id", "same", *ROUTINE, "--command", "3E:00",
+                          certs="TESTER-3", to="AGENT-3")
+        asked.next_message()
+        late = reply_of_a_routine("same", "7F3E13", "Negative response")
+        before.send("TESTER-3", late).wait_for_publish(10 * PATIENCE)
+        asked.send("TESTER-3", reply_of_a_routine("same", "7E00", "none"))
+        status, replies, _ = run.result()
+    assert (status, [outcomes(reply) for reply in replies]) == (0, [[("0x3E", "7E00", "none")]])
+    before.close()
+    asked.close()
 
 
 def test_an_agent_that_is_not_there_gives_status_4(agent, query):

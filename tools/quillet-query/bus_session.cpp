@@ -64,7 +64,7 @@ static void on_presence(tervbus_client *, address_entry *, address_entry *)
 
 static void on_connection_status(tervbus_client *client, int condition)
 {
-	push_event(client, {bus_event::kind::condition, condition, ""});
+	push_event(client, {.what = bus_event::kind::condition, .number = condition, .text = {}, .sender = {}});
 }
 
 static void free_message(tervbus_message *message)
@@ -77,12 +77,23 @@ static void free_message(tervbus_message *message)
 static void on_delivered(tervbus_client *client, tervbus_message *message, void *, int ok)
 {
 	free_message(message);
-	push_event(client, {bus_event::kind::delivered, ok, ""});
+	push_event(client, {.what = bus_event::kind::delivered, .number = ok, .text = {}, .sender = {}});
+}
+
+// The source list has the sender's unit address, and other addresses that it may have.
+static std::string unit_of(const address_entry *source)
+{
+	while (source != nullptr && source->type != TERVBUS_ADDRESS_UNIT)
+		source = source->next;
+	return source != nullptr && source->value.text != nullptr ? source->value.text : "";
 }
 
 static void on_message(tervbus_client *client, tervbus_message *message)
 {
-	push_event(client, {bus_event::kind::message, 0, std::string(message->data != nullptr ? message->data : "")});
+	push_event(client,
+			{.what = bus_event::kind::message,
+					.text = message->data != nullptr ? message->data : "",
+					.sender = unit_of(message->source)});
 }
 
 static void on_debug(const char *text)

@@ -9,8 +9,9 @@ struct bus_session;
 
 struct bus_event {
 	enum class kind { nothing, condition, message, delivered } what = kind::nothing;
-	int number = 0;   // of a condition; of a delivery, whether the broker has taken it
-	std::string text; // of a message
+	int number = 0;     // of a condition; of a delivery, whether the broker has taken it
+	std::string text;   // of a message
+	std::string sender; // of a message: the unit address, as the broker has proved it
 };
 
 struct bus_session_closer {

@@ -160,13 +160,13 @@ int no_reply(const query_options &options)
 int wait_for_replies(bus_session &session, const query_options &options, const outgoing &request)
 {
 	const int64_t begin = now_ms();
-	reply_wait wait =
-			reply_wait_begin(request.reply_id, begin, static_cast<int64_t>(std::llround(options.timeout_s * 1000)));
+	reply_wait wait = reply_wait_begin(
+			options.agent, request.reply_id, begin, static_cast<int64_t>(std::llround(options.timeout_s * 1000)));
 	while (!reply_wait_is_over(wait, now_ms())) {
 		int64_t left = wait.deadline_ms - now_ms();
 		bus_event event =
 				bus_session_wait(session, std::min(slice, std::chrono::milliseconds(std::max<int64_t>(left, 0))));
-		if (event.what == bus_event::kind::message && reply_wait_take(wait, event.text, now_ms())) {
+		if (event.what == bus_event::kind::message && reply_wait_take(wait, event.sender, event.text, now_ms())) {
 			clear_progress();
 			print_reply(options, request, event.text);
 		} else if (event.what == bus_event::kind::delivered && event.number == 0 && !wait.answered) {

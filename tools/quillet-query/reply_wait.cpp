@@ -39,17 +39,18 @@ reply_kind classify_reply(const std::string &text, const std::string &reply_id)
 	return reply_kind::reply;
 }
 
-reply_wait reply_wait_begin(const std::string &reply_id, int64_t now_ms, int64_t timeout_ms)
+reply_wait reply_wait_begin(const std::string &agent, const std::string &reply_id, int64_t now_ms, int64_t timeout_ms)
 {
 	reply_wait wait;
+	wait.agent = agent;
 	wait.reply_id = reply_id;
 	wait.deadline_ms = now_ms + timeout_ms;
 	return wait;
 }
 
-bool reply_wait_take(reply_wait &wait, const std::string &text, int64_t now_ms)
+bool reply_wait_take(reply_wait &wait, const std::string &sender, const std::string &text, int64_t now_ms)
 {
-	reply_kind kind = classify_reply(text, wait.reply_id);
+	const reply_kind kind = sender == wait.agent ? classify_reply(text, wait.reply_id) : reply_kind::other;
 	if (kind == reply_kind::other)
 		return false;
 	wait.answered = true;

@@ -16,6 +16,7 @@ enum class reply_kind {
 reply_kind classify_reply(const std::string &text, const std::string &reply_id);
 
 struct reply_wait {
+	std::string agent;
 	std::string reply_id;
 	int64_t deadline_ms = 0;
 	bool answered = false; // a reply has come
@@ -26,9 +27,12 @@ struct reply_wait {
 // When a routine could not be begun, its reply is followed by an error reply within this time.
 constexpr int64_t error_reply_wait_ms = 500;
 
-reply_wait reply_wait_begin(const std::string &reply_id, int64_t now_ms, int64_t timeout_ms);
+// agent is the unit address that the request went to.
+reply_wait reply_wait_begin(
+		const std::string &agent, const std::string &reply_id, int64_t now_ms, int64_t timeout_ms);
 
-// Looks at a message; true when it is one of the replies waited for.
-bool reply_wait_take(reply_wait &wait, const std::string &text, int64_t now_ms);
+// Looks at a message; true when it is one of the replies waited for. Only the agent that was asked can give them: what
+// another unit answers late to an earlier request may name the same id.
+bool reply_wait_take(reply_wait &wait, const std::string &sender, const std::string &text, int64_t now_ms);
 
 bool reply_wait_is_over(const reply_wait &wait, int64_t now_ms);

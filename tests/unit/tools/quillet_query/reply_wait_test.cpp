@@ -41,9 +41,9 @@ TEST(classify_reply, tells_what_a_message_is_to_the_request)
 
 TEST(reply_wait, ends_with_the_reply)
 {
-	reply_wait wait = reply_wait_begin("req-1", 1000, 10000);
+	reply_wait wait = reply_wait_begin("CAR-A", "req-1", 1000, 10000);
 
-	EXPECT_TRUE(reply_wait_take(wait, done, 1500));
+	EXPECT_TRUE(reply_wait_take(wait, "CAR-A", done, 1500));
 
 	EXPECT_TRUE(reply_wait_is_over(wait, 1500));
 	EXPECT_TRUE(wait.answered);
@@ -52,9 +52,9 @@ TEST(reply_wait, ends_with_the_reply)
 
 TEST(reply_wait, ends_with_an_error_reply)
 {
-	reply_wait wait = reply_wait_begin("req-1", 1000, 10000);
+	reply_wait wait = reply_wait_begin("CAR-A", "req-1", 1000, 10000);
 
-	EXPECT_TRUE(reply_wait_take(wait, error_reply, 1500));
+	EXPECT_TRUE(reply_wait_take(wait, "CAR-A", error_reply, 1500));
 
 	EXPECT_TRUE(reply_wait_is_over(wait, 1500));
 	EXPECT_TRUE(wait.failed);
@@ -62,9 +62,9 @@ TEST(reply_wait, ends_with_an_error_reply)
 
 TEST(reply_wait, goes_on_for_half_a_second_when_no_command_ran)
 {
-	reply_wait wait = reply_wait_begin("req-1", 1000, 10000);
+	reply_wait wait = reply_wait_begin("CAR-A", "req-1", 1000, 10000);
 
-	EXPECT_TRUE(reply_wait_take(wait, not_run, 1500));
+	EXPECT_TRUE(reply_wait_take(wait, "CAR-A", not_run, 1500));
 
 	EXPECT_FALSE(reply_wait_is_over(wait, 1999));
 	EXPECT_TRUE(reply_wait_is_over(wait, 2000));
@@ -74,10 +74,10 @@ TEST(reply_wait, goes_on_for_half_a_second_when_no_command_ran)
 
 TEST(reply_wait, takes_the_error_reply_that_follows_a_routine_that_was_not_begun)
 {
-	reply_wait wait = reply_wait_begin("req-1", 1000, 10000);
-	ASSERT_TRUE(reply_wait_take(wait, not_run, 1500));
+	reply_wait wait = reply_wait_begin("CAR-A", "req-1", 1000, 10000);
+	ASSERT_TRUE(reply_wait_take(wait, "CAR-A", not_run, 1500));
 
-	EXPECT_TRUE(reply_wait_take(wait, error_reply, 1600));
+	EXPECT_TRUE(reply_wait_take(wait, "CAR-A", error_reply, 1600));
 
 	EXPECT_TRUE(reply_wait_is_over(wait, 1600));
 	EXPECT_TRUE(wait.failed);
@@ -85,9 +85,9 @@ TEST(reply_wait, takes_the_error_reply_that_follows_a_routine_that_was_not_begun
 
 TEST(reply_wait, has_the_full_half_second_after_a_late_reply)
 {
-	reply_wait wait = reply_wait_begin("req-1", 1000, 600);
+	reply_wait wait = reply_wait_begin("CAR-A", "req-1", 1000, 600);
 
-	EXPECT_TRUE(reply_wait_take(wait, not_run, 1590));
+	EXPECT_TRUE(reply_wait_take(wait, "CAR-A", not_run, 1590));
 
 	EXPECT_FALSE(reply_wait_is_over(wait, 2089));
 	EXPECT_TRUE(reply_wait_is_over(wait, 2090));
@@ -95,11 +95,26 @@ TEST(reply_wait, has_the_full_half_second_after_a_late_reply)
 
 TEST(reply_wait, passes_over_what_is_not_for_this_request)
 {
-	reply_wait wait = reply_wait_begin("req-9", 1000, 10000);
+	reply_wait wait = reply_wait_begin("CAR-A", "req-9", 1000, 10000);
 
-	EXPECT_FALSE(reply_wait_take(wait, done, 1500));
+	EXPECT_FALSE(reply_wait_take(wait, "CAR-A", done, 1500));
 
 	EXPECT_FALSE(reply_wait_is_over(wait, 10999));
 	EXPECT_TRUE(reply_wait_is_over(wait, 11000));
 	EXPECT_FALSE(wait.answered);
+}
+
+TEST(reply_wait, passes_over_a_late_reply_of_another_unit_to_the_same_id)
+{
+	for (const char *sender : {"CAR-B", "car-a", "CAR-A2", ""}) {
+		SCOPED_TRACE(sender);
+		reply_wait wait = reply_wait_begin("CAR-A", "req-1", 1000, 10000);
+
+		EXPECT_FALSE(reply_wait_take(wait, sender, done, 1500));
+
+		EXPECT_FALSE(wait.answered);
+		EXPECT_FALSE(reply_wait_is_over(wait, 10999));
+		EXPECT_TRUE(reply_wait_take(wait, "CAR-A", done, 1600));
+		EXPECT_TRUE(reply_wait_is_over(wait, 1600));
+	}
 }
