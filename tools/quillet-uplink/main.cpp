@@ -137,7 +137,7 @@ bool run(uplink &state, std::string &error)
 	const std::string where = inherited ? "the socket handed over" : "127.0.0.1:" + std::to_string(state.port);
 	fprintf(stderr, "quillet-uplink: waiting for the user %s on %s\n", state.user.c_str(), where.c_str());
 	for (;;) {
-		const int local = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+		const int local = local_accept(listener);
 		if (local < 0)
 			continue; // the one that knocked has gone
 		serve(state, context.get(), local);

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,7 +25,7 @@ protected:
 		ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length), 0);
 		client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
 		ASSERT_EQ(connect(client, reinterpret_cast<sockaddr *>(&address), length), 0);
-		accepted = accept(listener, nullptr, nullptr);
+		accepted = local_accept(listener);
 		ASSERT_GE(accepted, 0);
 	}
 
@@ -43,6 +45,25 @@ protected:
 TEST_F(local_side, listens_on_the_loopback_only)
 {
 	EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+}
+
+// What waits for an acknowledgement of the message before comes some 40 ms late.
+TEST_F(local_side, sends_small_messages_at_once)
+{
+	int at_once = 0;
+	socklen_t length = sizeof(at_once);
+	ASSERT_EQ(getsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &at_once, &length), 0);
+	EXPECT_NE(at_once, 0);
+}
+
+TEST_F(local_side, leaves_no_connection_to_programs_that_it_starts)
+{
+	EXPECT_EQ(fcntl(accepted, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(local_side, accepts_nothing_from_a_socket_that_does_not_listen)
+{
+	EXPECT_EQ(local_accept(client), -1);
 }
 
 TEST_F(local_side, knows_whose_connection_it_is)
