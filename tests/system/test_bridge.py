@@ -117,8 +117,8 @@ def user_options():
     return ("--user", "mosquitto") if os.geteuid() == 0 else ()
 
 
-def start_uplink(pki, name, far_port, port, folder, user=user_options()):
-    return Process("uplink", [BIN / "quillet-uplink", "--identity", pki.folder / name, "--to", f"127.0.0.1:{far_port}",
+def start_uplink(pki, name, far_port, port, folder, user=user_options(), host="127.0.0.1"):
+    return Process("uplink", [BIN / "quillet-uplink", "--identity", pki.folder / name, "--to", f"{host}:{far_port}",
                               "--port", port, *user], folder)
 
 
@@ -466,9 +466,9 @@ def lone_uplink(sides, folder):
     """Starts an uplink whose far broker is not there."""
     started = []
 
-    def start(user=user_options()):
+    def start(user=user_options(), host="127.0.0.1"):
         port = free_port()
-        process = start_uplink(sides.vehicle, "CAR-7", free_port(), port, folder, user)
+        process = start_uplink(sides.vehicle, "CAR-7", free_port(), port, folder, user, host)
         started.append(process)
         wait_until(lambda: "waiting for the user" in process.text(), "an uplink that listens")
         return process, port
@@ -498,8 +498,18 @@ def test_an_uplink_says_what_keeps_it_from_the_far_broker(lone_uplink):
             wait_until(lambda: said in uplink.text(), "the cause")
 
 
+def test_an_uplink_takes_an_ipv6_address_in_brackets(lone_uplink):
+    """Whether this machine has IPv6 or not, there is nobody at that port; but the address is one."""
+    uplink, port = lone_uplink(host="[::1]")
+    with socket.create_connection(("127.0.0.1", port)) as local:
+        local.sendall(CONNECT)
+        wait_until(lambda: re.search(r"\[::1\]:\d+: ", uplink.text()), "the cause")
+    assert "no connection:" in uplink.text(), uplink.text()
+
+
 WRONG_UPLINKS = [
     (("--to", "nowhere"), '"nowhere" is not HOST:PORT'),
+    (("--to", "::1:8883"), '"::1:8883" is not HOST:PORT, as in bus.example:8883 or [2001:db8::7]:8883'),
     (("--identity", "/nonexistent"), "/nonexistent/ca.pem cannot be used"),
     (("--user", "no-such-user"), 'there is no user "no-such-user"'),
 ]

@@ -9,7 +9,7 @@ void add_common(CLI::App &app, query_options &options)
 {
 	app.add_option("--to", options.agent, "The agent's unit address")->required();
 	app.add_option("--certs", options.certificates, "Folder of this requester's identity")->required();
-	app.add_option("--broker", options.broker, "HOST:PORT of the broker")->capture_default_str();
+	app.add_option("--broker", options.broker, "HOST:PORT of the broker, an IPv6 address in brackets")->capture_default_str();
 	app.add_option("--file", options.file, "Send the request in this file; - is standard input");
 	app.add_option("--reply-id", options.reply_id, "Instead of the file's own or of a fresh one");
 	app.add_option("--timeout", options.timeout_s, "Seconds to wait for the first reply")

@@ -20,6 +20,7 @@
 
 #include "connect_packet.h"
 #include "fleet_link.h"
+#include "host_port.h"
 #include "local_side.h"
 #include "relay.h"
 
@@ -108,17 +109,10 @@ bool resolve_user(uplink &state, std::string &error)
 
 bool split_address(uplink &state, std::string &error)
 {
-	const size_t colon = state.to.rfind(':');
-	unsigned port = 0;
-	char rest = 0;
-	if (colon == std::string::npos || colon == 0 || sscanf(state.to.c_str() + colon + 1, "%5u%c", &port, &rest) != 1 ||
-			port < 1 || port > 65535) {
-		error = "\"" + state.to + "\" is not HOST:PORT";
-		return false;
-	}
-	state.host = state.to.substr(0, colon);
-	state.far_port = static_cast<uint16_t>(port);
-	return true;
+	if (parse_host_port(state.to, state.host, state.far_port))
+		return true;
+	error = "--to \"" + state.to + "\" is not HOST:PORT, as in bus.example:8883 or [2001:db8::7]:8883";
+	return false;
 }
 
 bool run(uplink &state, std::string &error)
@@ -153,7 +147,7 @@ int main(int argc, char **argv)
 	uplink state;
 	app.add_option("--identity", state.identity, "Folder with private.pem, cert.pem and the other broker's ca.pem")
 			->required();
-	app.add_option("--to", state.to, "HOST:PORT of the other broker")->required();
+	app.add_option("--to", state.to, "HOST:PORT of the other broker, an IPv6 address in brackets")->required();
 	app.add_option("--port", state.port, "Port of 127.0.0.1 that the broker here connects to")->capture_default_str();
 	app.add_option("--user", state.user, "Whose processes may connect (default: whoever runs this)");
 	app.add_option("--session-expiry", state.expiry_s, "Seconds that the other broker keeps messages for a cut bridge")
