@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "arguments.h"
+#include "boot_clock.h"
 #include "bus_names.h"
 #include "bus_session.h"
 #include "decode_reply.h"
@@ -50,7 +51,8 @@ constexpr condition_row refusals[] = {
 };
 static_assert(sizeof(refusals) / sizeof(refusals[0]) == 6, "every condition but running and start");
 
-int64_t now_ms()
+// Stands still while the machine sleeps: the broker cannot let us in meanwhile.
+int64_t awake_now_ms()
 {
 	return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
 			.count();
@@ -62,10 +64,10 @@ int fail(int status, const std::string &text)
 	return status;
 }
 
-void show_progress(const std::string &what, int64_t begin_ms)
+void show_progress(const std::string &what, int64_t waited_ms)
 {
 	if (isatty(STDERR_FILENO))
-		fprintf(stderr, "\r%s %.1f s ", what.c_str(), static_cast<double>(now_ms() - begin_ms) / 1000.0);
+		fprintf(stderr, "\r%s %.1f s ", what.c_str(), static_cast<double>(waited_ms) / 1000.0);
 }
 
 void clear_progress()
@@ -125,11 +127,11 @@ bool make_request(const query_options &options, outgoing &request, std::string &
 // Waits until the broker has let us in: 0, or the exit status.
 int wait_for_broker(bus_session &session, const query_options &options)
 {
-	const int64_t begin = now_ms();
-	while (now_ms() - begin < connect_timeout_ms) {
+	const int64_t begin = awake_now_ms();
+	while (awake_now_ms() - begin < connect_timeout_ms) {
 		bus_event event = bus_session_wait(session, slice);
 		if (event.what != bus_event::kind::condition) {
-			show_progress("connecting to " + options.broker, begin);
+			show_progress("connecting to " + options.broker, awake_now_ms() - begin);
 			continue;
 		}
 		if (event.number == TERVBUS_CONDITION_RUNNING)
@@ -159,21 +161,21 @@ int no_reply(const query_options &options)
 
 int wait_for_replies(bus_session &session, const query_options &options, const outgoing &request)
 {
-	const int64_t begin = now_ms();
+	const int64_t begin = boot_now_ms();
 	reply_wait wait = reply_wait_begin(
 			options.agent, request.reply_id, begin, static_cast<int64_t>(std::llround(options.timeout_s * 1000)));
-	while (!reply_wait_is_over(wait, now_ms())) {
-		int64_t left = wait.deadline_ms - now_ms();
+	while (!reply_wait_is_over(wait, boot_now_ms())) {
+		int64_t left = wait.deadline_ms - boot_now_ms();
 		bus_event event =
 				bus_session_wait(session, std::min(slice, std::chrono::milliseconds(std::max<int64_t>(left, 0))));
-		if (event.what == bus_event::kind::message && reply_wait_take(wait, event.sender, event.text, now_ms())) {
+		if (event.what == bus_event::kind::message && reply_wait_take(wait, event.sender, event.text, boot_now_ms())) {
 			clear_progress();
 			print_reply(options, request, event.text);
 		} else if (event.what == bus_event::kind::delivered && event.number == 0 && !wait.answered) {
 			clear_progress();
 			return undelivered(options);
 		} else {
-			show_progress("waiting for " + options.agent, begin);
+			show_progress("waiting for " + options.agent, boot_now_ms() - begin);
 		}
 	}
 	clear_progress();
