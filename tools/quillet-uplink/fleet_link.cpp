@@ -102,6 +102,7 @@ bool demand_name(SSL *ssl, const std::string &host)
 	unsigned char numeric[sizeof(in6_addr)];
 	if (inet_pton(AF_INET, host.c_str(), numeric) == 1 || inet_pton(AF_INET6, host.c_str(), numeric) == 1)
 		return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host.c_str()) == 1;
+	SSL_set_hostflags(ssl, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
 	return SSL_set1_host(ssl, host.c_str()) == 1 && SSL_set_tlsext_host_name(ssl, host.c_str()) == 1;
 }
 
