@@ -1,12 +1,14 @@
 """What the documents say: every example is valid, is sent, and gets the reply that stands below it."""
 
 import json
+import re
+import subprocess
 
 import pytest
 
 from diagnosis import answers, error, report, request
-from documents import REPLY, REQUEST, agent_names, examples, mask_rows, report_rows
-from harness import BUILD
+from documents import DOCS, REPLY, REQUEST, agent_names, examples, mask_rows, report_rows
+from harness import BIN, BUILD
 from requester import changed, routine
 
 VALID = routine("valid", [("27", "01")], security={"level": "1", "script": "s", "location": "/l"})
@@ -122,3 +124,13 @@ def test_the_schema_refuses_what_is_no_reply(kind, path, value):
     reply = next(reply for _, replies in examples() for reply in replies if key in reply["body"])
     REPLY.validate(reply)
     assert not REPLY.is_valid(changed(reply, path, value))
+
+
+def test_the_page_and_the_help_of_quillet_ecu_agree():
+    page = (DOCS / "virtual-ecu.md").read_text()
+    shown = subprocess.run([str(BIN / "quillet-ecu"), "--help"], capture_output=True, text=True, timeout=60).stdout
+    options = re.findall(r"^ +(?:-h,)?(--[a-z0-9-]+)", shown, re.M)
+    assert re.findall(r"^\| `(--[a-z-]+)", page, re.M) and "--bus" in options
+    assert set(re.findall(r"^\| `(--[a-z-]+)", page, re.M)) == set(options) - {"--help"}
+    for bus in ("SocketCAN", "QUILLET_CAN_SERVER"):
+        assert bus in shown and bus in page
