@@ -74,6 +74,8 @@ TEST(compute_bit_masks, has_one_entry_for_each_byte_that_the_signal_touches)
 			{"big-endian, 32 bits across borders", 39, 32, 1,
 					{{4, 0x80, 7, 0}, {3, 0xFF, 0, 1}, {2, 0xFF, 0, 9}, {1, 0xFF, 0, 17}, {0, 0x7F, 0, 25}}},
 			{"behind the frame", 64, 8, 0, {{8, 0xFF, 0, 0}}},
+			{"before the frame, at a border", -16, 8, 0, {{0xFFFFFFFE, 0xFF, 0, 0}}},
+			{"before the frame, within a byte: no bits", -3, 8, 0, {}},
 			{"before the frame", 0, 16, 1, {{0, 0xFF, 0, 0}, {0xFFFFFFFF, 0xFF, 0, 8}}},
 	};
 	for (const auto &row : rows) {
