@@ -133,6 +133,12 @@ bool adopt_request(const std::string &text, const std::string &wanted_id, std::s
 		error = "it is JSON, but not an object";
 		return false;
 	}
+	const size_t more = text.find_first_not_of(" \t\r\n", json_tokener_get_parse_end(tokener.get()));
+	if (more != std::string::npos) {
+		error = "one request at a time can be sent, but more follows the first JSON value, at byte " +
+				std::to_string(more);
+		return false;
+	}
 	json_object *own = nullptr;
 	if (wanted_id.empty() && json_object_object_get_ex(document.get(), "reply-id", &own) &&
 			json_object_is_type(own, json_type_string)) {

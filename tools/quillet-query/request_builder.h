@@ -30,7 +30,7 @@ bool parse_command(const std::string &text, command_fields &fields, std::string 
 bool build_routine_request(
 		const routine_options &options, const std::string &reply_id, std::string &request, std::string &error);
 
-// Takes a request as the user wrote it: an object in JSON. Its reply-id becomes wanted_id; when that is empty, the
+// Takes a request as the user wrote it: one object in JSON. Its reply-id becomes wanted_id; when that is empty, the
 // text's own stays, or a fresh one is put in. On failure false, with the cause in error.
 bool adopt_request(const std::string &text, const std::string &wanted_id, std::string &request, std::string &reply_id,
 		std::string &error);

@@ -214,6 +214,31 @@ TEST(adopted_request, is_refused_when_it_is_not_a_json_object)
 	}
 }
 
+TEST(adopted_request, is_refused_when_something_follows_it)
+{
+	const std::string rows[] = {"{\"a\":1} {}", "{\"a\":1}}", "{\"a\":1}\nmore", std::string("{\"a\":1}\0more", 12)};
+	for (const std::string &text : rows) {
+		SCOPED_TRACE(text);
+		std::string request;
+		std::string reply_id;
+		std::string error;
+
+		EXPECT_FALSE(adopt_request(text, "", request, reply_id, error));
+		EXPECT_THAT(error, HasSubstr("more follows the first JSON value, at byte "));
+	}
+}
+
+TEST(adopted_request, may_have_blanks_around_it)
+{
+	std::string request;
+	std::string reply_id;
+	std::string error;
+
+	EXPECT_TRUE(adopt_request("\n {\"reply-id\":\"mine\"} \t\r\n", "", request, reply_id, error)) << error;
+
+	EXPECT_EQ(request, "{\"reply-id\":\"mine\"}");
+}
+
 TEST(fresh_reply_id, is_another_one_each_time)
 {
 	EXPECT_NE(fresh_reply_id(), fresh_reply_id());
