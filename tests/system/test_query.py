@@ -3,13 +3,15 @@
 import fcntl
 import json
 import os
+import re
+import shlex
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
 from documents import REPLY
-from harness import BENCH, BIN, PATIENCE, Process, free_port, wait_until
+from harness import BENCH, BIN, PATIENCE, SOURCE, Process, free_port, wait_until
 from requester import Requester, outcomes, routine
 
 
@@ -224,3 +226,34 @@ def test_progress_is_shown_on_a_terminal_only(agent, pki, broker):
     os.close(primary)
     assert done.returncode == 0 and b"\r" not in done.stdout
     assert b"waiting for AGENT-1" in shown
+
+
+PAGE = (SOURCE / "docs" / "query.md").read_text()
+
+
+def examples():
+    """The commands of the page, with the lines that it says they print."""
+    for block in re.findall(r"^```\n(quillet-query .*?)^```$", PAGE.replace("\\\n", " "), re.M | re.S):
+        command, *printed = block.splitlines()
+        yield shlex.split(command), printed
+
+
+@pytest.mark.parametrize("words, printed", examples())
+def test_an_example_prints_what_stands_below_it(agent, pki, broker, words, printed):
+    replaced = {"…": ["--to", "AGENT-1", "--certs", "pki/TESTER-1"], "quillet-query": [BIN / "quillet-query"]}
+    command = [part for word in words for part in replaced.get(word, [word])]
+    command = [pki.folder / "TESTER-1" if part == "pki/TESTER-1" else part for part in command]
+    command[1:1] = ["--broker", f"127.0.0.1:{broker.port}"]
+    done = subprocess.run([str(part) for part in command], cwd=SOURCE, capture_output=True, text=True, timeout=60)
+    assert (done.returncode, done.stdout.splitlines()) == (0, printed), done.stderr
+
+
+def test_the_page_has_the_options_that_there_are():
+    options = set()
+    for subcommand in ([], ["routine"], ["dtc"], ["version"]):
+        done = subprocess.run([str(BIN / "quillet-query"), *subcommand, "--help"], capture_output=True, text=True,
+                              timeout=60)
+        assert done.returncode == 0
+        options |= set(re.findall(r"^ +(?:-h,)?(--[a-z0-9-]+)", done.stdout, re.M))
+    cells = re.findall(r"^\| (`--[^|]*) \|", PAGE, re.M)
+    assert {option for cell in cells for option in re.findall("`(--[a-z0-9-]+)", cell)} == options - {"--help"}

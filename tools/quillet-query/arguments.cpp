@@ -8,18 +8,22 @@ namespace
 void add_common(CLI::App &app, query_options &options)
 {
 	app.add_option("--to", options.agent, "The agent's unit address")->required();
-	app.add_option("--certs", options.certificates, "Folder of this requester's identity")->required();
-	app.add_option("--broker", options.broker, "HOST:PORT of the broker, an IPv6 address in brackets")->capture_default_str();
-	app.add_option("--file", options.file, "Send the request in this file; - is standard input");
+	app.add_option("--certs", options.certificates,
+			   "Folder of this requester's identity: private.pem, cert.pem, and beside it ca/ca.pem")
+			->required();
+	app.add_option("--broker", options.broker, "HOST:PORT of the broker, an IPv6 address in brackets")
+			->capture_default_str();
+	app.add_option("--file", options.file, "Send the one request in this file, JSON; - is standard input");
 	app.add_option("--reply-id", options.reply_id, "Instead of the file's own or of a fresh one");
 	app.add_option("--timeout", options.timeout_s, "Seconds to wait for the first reply")
 			->check(CLI::Range(0.0, 86400.0))
 			->capture_default_str();
 	CLI::Option *pretty = app.add_flag("--pretty", options.pretty, "Print replies over several lines");
 	app.add_flag("--decode", options.decode, "Print replies for people instead of as JSON")->excludes(pretty);
-	app.add_flag("--show-request", options.show_request, "Print the request on standard error");
+	app.add_flag("--show-request", options.show_request, "Print the request on standard error before it is sent");
 	app.add_flag("--verbose", options.verbose, "Print the bus library's news on standard error");
-	app.footer("Exit status: 0 reply, 1 error reply, 2 no reply in time, 3 wrong use, 4 trouble with bus or identity.");
+	app.footer("A request is made by a subcommand, each with a --help of its own, or comes from --file.\n"
+			   "Exit status: 0 reply, 1 error reply, 2 no reply in time, 3 wrong use, 4 trouble with bus or identity.");
 	app.require_subcommand(0, 1);
 	app.fallthrough();
 }
