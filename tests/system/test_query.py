@@ -218,13 +218,20 @@ def test_a_second_run_under_one_identity_waits_and_says_so(agent, pki, broker, f
 
 def test_progress_is_shown_on_a_terminal_only(agent, pki, broker):
     primary, secondary = os.openpty()
-    command = [BIN / "quillet-query", "--to", "AGENT-1", "--certs", pki.folder / "TESTER-2", "--broker",
-               f"127.0.0.1:{broker.port}", *ROUTINE, "--command", "3E:00;timer=1"]
-    done = subprocess.run([str(part) for part in command], stdout=subprocess.PIPE, stderr=secondary, timeout=60)
-    os.close(secondary)
-    shown = os.read(primary, 65536)
+    identity = pki.folder / "TESTER-2"
+    command = [BIN / "quillet-query", "--to", "AGENT-1", "--certs", identity, "--broker", f"127.0.0.1:{broker.port}",
+               *ROUTINE, "--command", "3E:00;timer=1"]
+    shown = b""
+    with open(identity / "query.lock", "a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        run = subprocess.Popen([str(part) for part in command], stdout=subprocess.PIPE, stderr=secondary)
+        os.close(secondary)
+        while b"waiting for the other run 0.1 s" not in shown:
+            shown += os.read(primary, 65536)
+    output, _ = run.communicate(timeout=60)
+    shown += os.read(primary, 65536)
     os.close(primary)
-    assert done.returncode == 0 and b"\r" not in done.stdout
+    assert run.returncode == 0 and b"\r" not in output
     assert b"waiting for AGENT-1" in shown
 
 

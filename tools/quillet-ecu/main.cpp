@@ -30,8 +30,9 @@ void describe_options(CLI::App *app, options *chosen)
 	app->add_option("--request-log", chosen->request_log,
 			"File to append one line to for each request received: time, ECU, bytes");
 	app->add_flag("--trace", chosen->trace, "Print each request and each answer");
-	app->footer("The bus is a SocketCAN interface of this machine; with QUILLET_CAN_SERVER=host:port in the environment it "
-				"is one of that CAN server.");
+	app->footer(
+			"The bus is a SocketCAN interface of this machine; with QUILLET_CAN_SERVER=host:port in the environment it "
+			"is one of that CAN server.");
 }
 
 int fail(const std::string &text)

@@ -191,7 +191,12 @@ int run(const query_options &options)
 	if (!check_unit_name(options.agent, error) || !check_broker_name(options.broker, error) ||
 			!make_request(options, request, error))
 		return fail(status_usage, error);
-	if (!lock_identity(options.certificates, error))
+	const bool locked = lock_identity(
+			options.certificates,
+			[](std::chrono::milliseconds waited) { show_progress("waiting for the other run", waited.count()); },
+			error);
+	clear_progress();
+	if (!locked)
 		return fail(status_bus, error);
 	bus_session_pointer session = bus_session_open(options.certificates, options.broker, options.verbose, error);
 	if (session == nullptr)

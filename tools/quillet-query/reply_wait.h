@@ -28,8 +28,7 @@ struct reply_wait {
 constexpr int64_t error_reply_wait_ms = 500;
 
 // agent is the unit address that the request went to.
-reply_wait reply_wait_begin(
-		const std::string &agent, const std::string &reply_id, int64_t now_ms, int64_t timeout_ms);
+reply_wait reply_wait_begin(const std::string &agent, const std::string &reply_id, int64_t now_ms, int64_t timeout_ms);
 
 // Looks at a message; true when it is one of the replies waited for. Only the agent that was asked can give them: what
 // another unit answers late to an earlier request may name the same id.

@@ -30,12 +30,11 @@ TEST(host_port, takes_names_and_addresses)
 
 TEST(host_port, refuses_what_is_neither_and_writes_nothing)
 {
-	for (const char *text :
-			{"", ":", "localhost", ":9133", "localhost:", "localhost:x", "localhost:0", "localhost:65536",
-					"localhost:4294967297", "localhost:9133x", "localhost:+9133", "localhost:-1", "localhost: 9133",
-					"tcp://localhost:9133", "user@localhost:9133", "local host:9133", "local\thost:9133", "::1:9133",
-					"::1", "[::1]", "[::1]:", "[::1]9133", "[]:9133", "[localhost]:9133", "[::1:9133", "::1]:9133",
-					"[[::1]]:9133", "[:: 1]:9133", "[::1]x:9133"}) {
+	for (const char *text : {"", ":", "localhost", ":9133", "localhost:", "localhost:x", "localhost:0",
+				 "localhost:65536", "localhost:4294967297", "localhost:9133x", "localhost:+9133", "localhost:-1",
+				 "localhost: 9133", "tcp://localhost:9133", "user@localhost:9133", "local host:9133",
+				 "local\thost:9133", "::1:9133", "::1", "[::1]", "[::1]:", "[::1]9133", "[]:9133", "[localhost]:9133",
+				 "[::1:9133", "::1]:9133", "[[::1]]:9133", "[:: 1]:9133", "[::1]x:9133"}) {
 		SCOPED_TRACE(text);
 		std::string host = "before";
 		uint16_t port = 7;

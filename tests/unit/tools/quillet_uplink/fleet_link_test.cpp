@@ -16,8 +16,7 @@
 extern "C" int __real_getaddrinfo(const char *host, const char *service, const addrinfo *hints, addrinfo **found);
 extern "C" int __wrap_getaddrinfo(const char *host, const char *service, const addrinfo *hints, addrinfo **found)
 {
-	return __real_getaddrinfo(
-			std::string(host).ends_with(".example.test") ? "127.0.0.1" : host, service, hints, found);
+	return __real_getaddrinfo(std::string(host).ends_with(".example.test") ? "127.0.0.1" : host, service, hints, found);
 }
 
 namespace
