@@ -20,14 +20,6 @@ uint32_t memory_of_query(const std::string &text)
 	return memory;
 }
 
-std::string list_of(const std::string &element, int count)
-{
-	std::string list = "[" + element;
-	for (int i = 1; i < count; i++)
-		list += "," + element;
-	return list + "]";
-}
-
 }
 
 TEST(job_memory, of_an_empty_job_is_that_of_its_record)
@@ -99,6 +91,14 @@ TEST(job_memory, counts_every_node_of_a_query)
 
 // The sanitizers bring their own allocator, which counts nothing.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+static std::string list_of(const std::string &element, int count)
+{
+	std::string list = "[" + element;
+	for (int i = 1; i < count; i++)
+		list += "," + element;
+	return list + "]";
+}
 
 // Not less than what the C library has given out for the document, and not many times that.
 TEST(job_memory, of_a_query_is_about_what_it_takes)
