@@ -124,11 +124,12 @@ void finish_resolving(bus_client *client, int64_t now_ms)
 	connect_next(client, now_ms);
 }
 
-void publish_status(bus_client *client, const char *status, uint32_t expiry_s, int *mid)
+// No status stays for ever: after an "off" for so long, the "on" before it would have run out as well.
+void publish_status(bus_client *client, const char *status, int *mid)
 {
 	const topic_text topic = topic_of_status(client->names);
 	const link_publish publish{
-			topic.text, status, static_cast<uint32_t>(strlen(status)), nullptr, nullptr, expiry_s, true};
+			topic.text, status, static_cast<uint32_t>(strlen(status)), nullptr, nullptr, status_expiry_s, true};
 	if (mqtt_link_publish(client->link, publish, mid) != 0)
 		debug_text("own status not published");
 }
@@ -148,7 +149,7 @@ void refresh_status(bus_client *client, int64_t now_ms)
 	if (!link_runs(client) || (now_ms < client->status_due_ms && !client->link->silent_too_long))
 		return;
 	client->link->silent_too_long = false;
-	publish_status(client, "on", status_expiry_s, &mid);
+	publish_status(client, "on", &mid);
 	client->status_due_ms = now_ms + status_refresh_ms;
 }
 
@@ -216,7 +217,7 @@ void begin_leaving(bus_client *client, int64_t now_ms)
 {
 	client->status_due_ms = INT64_MAX;
 	enter(client, client_state::leaving, now_ms + leave_ms);
-	publish_status(client, "off", 0, &client->leaving_mid);
+	publish_status(client, "off", &client->leaving_mid);
 }
 
 void begin_disconnecting(bus_client *client, int64_t now_ms)

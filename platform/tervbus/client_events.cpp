@@ -12,8 +12,8 @@ namespace
 void take_status(bus_client *client, const link_message &message, int64_t now_ms)
 {
 	const std::string_view status(message.payload, message.length);
-	const presence_change change =
-			presence_note(&client->presence, message.topic.from.text, status, message.properties.left_s, now_ms);
+	const presence_change change = presence_note(
+			&client->presence, message.topic.from, message.topic.to, status, message.properties.left_s, now_ms);
 	const scoped<presence_peer, presence_peer_free> gone(change.disconnected);
 	if (client->on_presence == nullptr)
 		return;

@@ -1,6 +1,7 @@
 #include "mqtt_link.h"
 
 #include "debug.h"
+#include "presence.h"
 
 #include <mqtt_protocol.h>
 #include <openssl/x509.h>
@@ -233,16 +234,26 @@ void set_callbacks(mosquitto *handle)
 	mosquitto_log_callback_set(handle, on_log);
 }
 
+// The properties are the MQTT library's only when it has taken them.
+bool set_will(mqtt_link *link)
+{
+	const topic_text topic = topic_of_status(link->settings->names);
+	mosquitto_property *properties = nullptr;
+	if (mqtt_properties_make(&properties, nullptr, nullptr, status_expiry_s) == MOSQ_ERR_SUCCESS &&
+			mosquitto_will_set_v5(link->handle, topic.text, static_cast<int>(strlen(will_text)), will_text, 1, true,
+					properties) == MOSQ_ERR_SUCCESS)
+		return true;
+	mosquitto_property_free_all(&properties);
+	return false;
+}
+
 // The library's defaults stay off: with them on it refuses to connect, or verifies against nothing.
 bool set_options(mqtt_link *link)
 {
-	const topic_text topic = topic_of_status(link->settings->names);
 	return mosquitto_int_option(link->handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5) == MOSQ_ERR_SUCCESS &&
 			mosquitto_void_option(link->handle, MOSQ_OPT_SSL_CTX, link->settings->context) == MOSQ_ERR_SUCCESS &&
 			mosquitto_int_option(link->handle, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0) == MOSQ_ERR_SUCCESS &&
-			mosquitto_int_option(link->handle, MOSQ_OPT_TCP_NODELAY, 1) == MOSQ_ERR_SUCCESS &&
-			mosquitto_will_set_v5(link->handle, topic.text, static_cast<int>(strlen(will_text)), will_text, 1, true,
-					nullptr) == MOSQ_ERR_SUCCESS;
+			mosquitto_int_option(link->handle, MOSQ_OPT_TCP_NODELAY, 1) == MOSQ_ERR_SUCCESS && set_will(link);
 }
 
 // The call that connects without waiting takes no properties. The one that waits keeps those it was given also when it

@@ -36,50 +36,77 @@ presence_peer *take_out(presence_table *table, presence_peer **place)
 	return peer;
 }
 
-presence_peer *peer_new(const char *unit, int64_t expires_ms)
+presence_peer *peer_new(const bus_name &unit, const bus_name &group, int64_t expires_ms)
 {
 	scoped<presence_peer, presence_peer_free> peer(record_new<presence_peer>());
 	if (!peer)
 		return nullptr;
-	peer->unit = bus_name_of(unit);
+	peer->unit = unit;
+	peer->group = group;
 	peer->expires_ms = expires_ms;
-	peer->address = address_list_of_peer(unit).release();
+	peer->address = address_list_of_peer(unit.text).release();
 	return peer->address != nullptr ? peer.release() : nullptr;
 }
 
-presence_peer *add(presence_table *table, presence_peer **place, const char *unit, int64_t expires_ms)
+const presence_peer *add(presence_table *table, presence_peer **place, presence_peer *peer)
 {
-	if (table->count >= presence_peers_max)
-		return nullptr;
-	presence_peer *peer = peer_new(unit, expires_ms);
-	if (peer == nullptr) {
-		debug_text("no memory to note that %s is on the bus", unit);
-		return nullptr;
-	}
 	*place = peer;
 	table->count++;
 	return peer;
 }
 
+bool same_name(const bus_name &left, const bus_name &right)
+{
+	return strcmp(left.text, right.text) == 0;
+}
+
+// Of two groups' "on" the one that lasts longer is the newer one.
+void refresh(presence_peer *peer, const bus_name &group, int64_t expires_ms)
+{
+	if (!same_name(peer->group, group) && expires_ms < peer->expires_ms)
+		return;
+	peer->group = group;
+	peer->expires_ms = expires_ms;
+}
+
+presence_change note_on(presence_table *table, const bus_name &unit, const bus_name &group, int64_t expires_ms)
+{
+	presence_peer **place = place_of(table, unit.text);
+	table->earliest_ms = std::min(table->earliest_ms, expires_ms);
+	if (*place != nullptr) {
+		refresh(*place, group, expires_ms);
+		return {};
+	}
+	if (table->count >= presence_peers_max)
+		return {};
+	presence_peer *peer = peer_new(unit, group, expires_ms);
+	if (peer == nullptr) {
+		debug_text("no memory to note that %s is on the bus", unit.text);
+		return {};
+	}
+	return {add(table, place, peer), nullptr};
+}
+
+presence_change note_off(presence_table *table, const bus_name &unit, const bus_name &group)
+{
+	presence_peer **place = place_of(table, unit.text);
+	if (*place == nullptr || !same_name((*place)->group, group))
+		return {};
+	return {nullptr, take_out(table, place)};
+}
+
 } // namespace
 
-presence_change presence_note(
-		presence_table *table, const char *unit, std::string_view status, uint32_t left_s, int64_t now_ms)
+presence_change presence_note(presence_table *table, const bus_name &unit, const bus_name &group,
+		std::string_view status, uint32_t left_s, int64_t now_ms)
 {
-	if (strcmp(unit, table->own_unit) == 0)
+	if (strcmp(unit.text, table->own_unit) == 0)
 		return {};
-	presence_peer **place = place_of(table, unit);
 	if (status == "off" || status.empty())
-		return {nullptr, take_out(table, place)};
+		return note_off(table, unit, group);
 	if (status != "on")
 		return {};
-
-	const int64_t expires_ms = now_ms + int64_t{std::min(left_s, status_expiry_s)} * 1000;
-	table->earliest_ms = std::min(table->earliest_ms, expires_ms);
-	if (*place == nullptr)
-		return {add(table, place, unit, expires_ms), nullptr};
-	(*place)->expires_ms = expires_ms;
-	return {};
+	return note_on(table, unit, group, now_ms + int64_t{std::min(left_s, status_expiry_s)} * 1000);
 }
 
 fifo<presence_peer> presence_expire(presence_table *table, int64_t now_ms)

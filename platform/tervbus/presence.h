@@ -15,6 +15,7 @@ struct presence_peer {
 	int64_t expires_ms;     // it is gone then, unless refreshed
 	address_entry *address; // owned: as the presence callback names it
 	bus_name unit;
+	bus_name group; // in whose status it has said "on"; empty: none
 };
 
 struct presence_table {
@@ -31,8 +32,10 @@ struct presence_change {
 };
 
 // A status message: the texts "on" and "off"; an empty one is a status taken back. left_s is what is left of its life.
-presence_change presence_note(
-		presence_table *table, const char *unit, std::string_view status, uint32_t left_s, int64_t now_ms);
+// A unit whose certificate has got another group leaves its last status behind under the old one: that one no longer
+// counts.
+presence_change presence_note(presence_table *table, const bus_name &unit, const bus_name &group,
+		std::string_view status, uint32_t left_s, int64_t now_ms);
 
 // Takes out the peers whose time is over; they are the caller's, for presence_peer_free.
 fifo<presence_peer> presence_expire(presence_table *table, int64_t now_ms);

@@ -116,7 +116,7 @@ LIMITS = [
     ("ids remembered", ["seen_ids_window"]),
     ("senders whose ids", ["seen_ids_senders_max", "seen_ids_senders", "seen_ids_silence_ms s"]),
     ("peers whose", ["presence_peers_max"]),
-    ("an `on`", ["status_expiry_s", "status_refresh_ms s"]),
+    ("a status", ["status_expiry_s", "status_refresh_ms s"]),
     ("name resolution", ["resolve_timeout_ms s", "phase_timeout_ms s"]),
     ("the wait between", ["backoff_first_ms", "backoff_last_ms s"]),
     ("stopping", ["drain_ms", "leave_ms", "disconnect_ms"]),

@@ -416,7 +416,10 @@ TEST(presence_memory, tells_a_peer_at_its_next_status)
 		bool told = false;
 		sweep(
 				row, fail_nth::this_thread,
-				[&] { told = presence_note(&table, "peer", "on", 180, 0).connected != nullptr; },
+				[&] {
+					told = presence_note(&table, bus_name_of("peer"), bus_name_of("group"), "on", 180, 0).connected !=
+							nullptr;
+				},
 				[&](bool failed) {
 					EXPECT_EQ(told, !failed);
 					EXPECT_EQ(table.count, failed ? 0u : 1u);

@@ -346,7 +346,14 @@ protected:
 	// "+name", "-name" or "".
 	std::string note(const std::string &unit, const char *status, int64_t now_ms = 0, uint32_t left_s = 180)
 	{
-		const presence_change change = presence_note(&table, unit.c_str(), status, left_s, now_ms);
+		return note_in("group", unit, status, now_ms, left_s);
+	}
+
+	std::string note_in(const std::string &group, const std::string &unit, const char *status, int64_t now_ms = 0,
+			uint32_t left_s = 180)
+	{
+		const presence_change change =
+				presence_note(&table, bus_name_of(unit), bus_name_of(group), status, left_s, now_ms);
 		const scoped<presence_peer, presence_peer_free> gone(change.disconnected);
 		if (change.connected != nullptr)
 			return std::string("+") + change.connected->unit.text;
@@ -406,6 +413,34 @@ TEST_F(presence_of_peers, counts_the_time_that_a_status_has_already_been_kept)
 	note("b", "on", 0, UINT32_MAX); // another broker's, without an end
 	EXPECT_THAT(expire(30'000), ElementsAre("a"));
 	EXPECT_THAT(expire(180'000), ElementsAre("b"));
+}
+
+// What a unit has said last before its certificate got another group stays where it was.
+TEST_F(presence_of_peers, does_not_end_with_what_was_left_behind_in_another_group)
+{
+	EXPECT_EQ(note_in("new", "a", "on"), "+a");
+	EXPECT_EQ(note_in("old", "a", "off"), "");
+	EXPECT_EQ(note_in("old", "a", ""), "");
+	EXPECT_EQ(note_in("", "a", "off"), "");
+	EXPECT_EQ(note_in("new", "a", "off"), "-a");
+}
+
+TEST_F(presence_of_peers, goes_over_to_another_group_without_a_word)
+{
+	EXPECT_EQ(note_in("old", "a", "on", 0), "+a");
+	EXPECT_EQ(note_in("new", "a", "on", 1000), "");
+	EXPECT_EQ(note_in("old", "a", "off", 2000), "");
+	EXPECT_THAT(expire(180'000), IsEmpty());
+	EXPECT_EQ(note_in("new", "a", "off", 180'500), "-a");
+}
+
+TEST_F(presence_of_peers, stays_with_the_newer_of_two_groups_whichever_comes_first)
+{
+	EXPECT_EQ(note_in("new", "a", "on", 0, 170), "+a");
+	EXPECT_EQ(note_in("old", "a", "on", 0, 20), "") << "kept, and not run out yet";
+	EXPECT_THAT(expire(20'000), IsEmpty());
+	EXPECT_EQ(note_in("old", "a", "off", 20'000), "");
+	EXPECT_EQ(note_in("new", "a", "off", 20'000), "-a");
 }
 
 TEST_F(presence_of_peers, is_known_of_a_limited_number)
