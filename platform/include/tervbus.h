@@ -115,7 +115,8 @@ int tervbus_init_ll(tervbus_setup *);
 int tervbus_fini_ll(void);
 
 /* Starts the client and returns at once: the network is never waited for. The URL is "tcp://host:port". Fails
- * for an URL or an identity that cannot be used; no callback comes from inside the call. */
+ * for an URL or an identity that cannot be used, without a tervbus_init_ll before it, and for a record that has been
+ * started already and not been released yet; no callback comes from inside the call. */
 int tervbus_init_client(tervbus_client *, const char *broker_url);
 
 /* Begins to stop the client, in any state, and may be called again. A client that was started gets
