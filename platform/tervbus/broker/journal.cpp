@@ -91,18 +91,29 @@ bool is_own_file(int fd)
 	return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1;
 }
 
+std::string open_trouble(const std::string &path, int error)
+{
+	if (error == ELOOP || error == EISDIR)
+		return path + " is no file of its own: remove it, the broker makes a new one";
+	return path + ": " + strerror(error) + ": plugin_opt_persistence has to name a folder that the broker can write to";
+}
+
 // The folder's owner is the broker's user, though the broker may still be root when it loads its plugins.
-int open_file(const std::string &folder)
+int open_file(const std::string &folder, std::string *why)
 {
 	struct stat owner;
-	const int fd =
-			open((folder + "/unsaved.journal").c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
-	if (fd >= 0 && !is_own_file(fd)) {
-		close(fd);
-		errno = EINVAL;
+	const std::string path = folder + "/unsaved.journal";
+	const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+	if (fd < 0) {
+		*why = open_trouble(path, errno);
 		return -1;
 	}
-	if (fd >= 0 && geteuid() == 0 && stat(folder.c_str(), &owner) == 0)
+	if (!is_own_file(fd)) {
+		close(fd);
+		*why = open_trouble(path, ELOOP);
+		return -1;
+	}
+	if (geteuid() == 0 && stat(folder.c_str(), &owner) == 0)
 		(void)fchown(fd, owner.st_uid, owner.st_gid); // else only a broker started by root can use it again
 	return fd;
 }
@@ -117,8 +128,11 @@ bool cut(journal *notes, int64_t length)
 
 bool write_all(journal *notes, const std::string &bytes)
 {
-	if (write(notes->fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+	const ssize_t written = write(notes->fd, bytes.data(), bytes.size());
+	if (written != static_cast<ssize_t>(bytes.size())) {
+		const int error = written < 0 ? errno : ENOSPC;
 		(void)cut(notes, notes->length); // no half of a message in front of the next; a failure leaves the end damaged
+		errno = error;
 		return false;
 	}
 	notes->length += static_cast<int64_t>(bytes.size());
@@ -145,37 +159,63 @@ size_t read_unsaved(const journal *notes, const std::string &file, int64_t now_s
 	return whole;
 }
 
-} // namespace
-
-bool journal_open(journal *notes, const std::string &folder, int64_t now_s, std::vector<journal_message> *unsaved)
-{
-	notes->fd = open_file(folder);
-	if (notes->fd < 0)
-		return false;
-	notes->saved_path = folder + "/mosquitto.db";
-	notes->mark = mark_of(notes->saved_path);
-	// What is not saved stays where it is: this broker may be killed before it has saved it.
-	return cut(notes, static_cast<int64_t>(read_unsaved(notes, read_all(notes->fd), now_s, unsaved)));
-}
-
-bool journal_note(journal *notes, const journal_message &message)
+bool begin_anew_after_a_save(journal *notes)
 {
 	const saved_mark mark = mark_of(notes->saved_path);
-	if (!(mark == notes->mark) && !cut(notes, 0))
+	if (mark == notes->mark)
+		return true;
+	if (!cut(notes, 0))
 		return false;
 	notes->mark = mark;
-	if (notes->length > journal_max)
-		return false;
+	notes->trouble_told = false;
+	return true;
+}
 
+std::string bytes_of(const journal &notes, const journal_message &message)
+{
 	std::string bytes;
-	if (notes->length == 0)
-		append(&bytes, file_head{file_kind, 0, mark});
+	if (notes.length == 0)
+		append(&bytes, file_head{file_kind, 0, notes.mark});
 	append(&bytes,
 			message_head{message.noted_s, message.ends_s, static_cast<uint32_t>(message.topic.size()),
 					static_cast<uint32_t>(message.content_type.size()), static_cast<uint32_t>(message.id.size()),
 					static_cast<uint32_t>(message.payload.size())});
 	bytes += message.topic + message.content_type + message.id + message.payload;
-	return write_all(notes, bytes);
+	return bytes;
+}
+
+} // namespace
+
+bool journal_open(journal *notes, const std::string &folder, int64_t now_s, std::vector<journal_message> *unsaved,
+		std::string *why)
+{
+	notes->fd = open_file(folder, why);
+	if (notes->fd < 0)
+		return false;
+	notes->saved_path = folder + "/mosquitto.db";
+	notes->mark = mark_of(notes->saved_path);
+	// What is not saved stays where it is: this broker may be killed before it has saved it.
+	if (cut(notes, static_cast<int64_t>(read_unsaved(notes, read_all(notes->fd), now_s, unsaved))))
+		return true;
+	*why = open_trouble(folder + "/unsaved.journal", errno);
+	return false;
+}
+
+bool journal_note(journal *notes, const journal_message &message, std::string *why)
+{
+	if (!begin_anew_after_a_save(notes)) {
+		*why = strerror(errno);
+		return false;
+	}
+	if (notes->length > journal_max) {
+		*why = "its " + std::to_string(journal_max) + " bytes are full, and the broker has not written " +
+				notes->saved_path + " meanwhile";
+		return false;
+	}
+	if (write_all(notes, bytes_of(*notes, message)))
+		return true;
+	*why = strerror(errno);
+	return false;
 }
 
 void journal_close(journal *notes)

@@ -37,14 +37,17 @@ struct journal {
 	std::string saved_path; // of the broker's file
 	int fd = -1;
 	int64_t length = 0;
-	saved_mark mark; // of the broker's file when the notes were made
+	saved_mark mark;           // of the broker's file when the notes were made
+	bool trouble_told = false; // since the broker has last saved
 };
 
-// Opens the journal in the folder of the broker's file and reads what has not been saved. False, with errno set, when
-// it cannot be opened. A damaged end is left out: it was never acknowledged.
-bool journal_open(journal *notes, const std::string &folder, int64_t now_s, std::vector<journal_message> *unsaved);
+// Opens the journal in the folder of the broker's file and reads what has not been saved. False, with the reason in
+// *why, when it cannot be opened. A damaged end is left out: it was never acknowledged.
+bool journal_open(journal *notes, const std::string &folder, int64_t now_s, std::vector<journal_message> *unsaved,
+		std::string *why);
 
-// Before the message is acknowledged. A failure to write leaves the message to the broker's own care; false then.
-bool journal_note(journal *notes, const journal_message &message);
+// Before the message is acknowledged. False, with the reason in *why, when there is no place for it: that leaves the
+// message to the broker's own care.
+bool journal_note(journal *notes, const journal_message &message, std::string *why);
 
 void journal_close(journal *notes);

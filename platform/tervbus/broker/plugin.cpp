@@ -283,8 +283,10 @@ bool configure(plugin_state *state, const mosquitto_opt *options, int count)
 	for (int i = 0; i < count; i++) {
 		if (take_option(state, &options[i]))
 			continue;
-		mosquitto_log_printf(
-				MOSQ_LOG_ERR, "quillet: plugin_opt_%s %s is not understood", options[i].key, options[i].value);
+		mosquitto_log_printf(MOSQ_LOG_ERR,
+				"quillet: plugin_opt_%s %s is not understood: there are plugin_opt_rules <file>, "
+				"plugin_opt_persistence <folder> and plugin_opt_bridge <name> <unit>,<unit>...",
+				options[i].key, options[i].value);
 		return false;
 	}
 	std::string why;
@@ -321,10 +323,11 @@ bool keep_unsaved(plugin_state *state)
 {
 	if (state->persistence.empty())
 		return true;
-	if (unsaved_open(&state->unsaved, state->persistence))
+	std::string why;
+	if (unsaved_open(&state->unsaved, state->persistence, &why))
 		return mosquitto_callback_register(
 					   state->identifier, MOSQ_EVT_MESSAGE, unsaved_note, nullptr, &state->unsaved) == MOSQ_ERR_SUCCESS;
-	mosquitto_log_printf(MOSQ_LOG_ERR, "quillet: %s: %s", state->persistence.c_str(), strerror(errno));
+	mosquitto_log_printf(MOSQ_LOG_ERR, "quillet: %s", why.c_str());
 	return false;
 }
 

@@ -13,6 +13,8 @@ namespace
 {
 
 constexpr size_t file_max = 16u << 20;
+constexpr const char *too_large = "more than 16777216 bytes: one rule with a glob can stand for those of many units";
+static_assert(file_max == 16777216);
 constexpr std::string_view blanks = " \t\r";
 constexpr const char *glob_characters = "*?[";
 
@@ -155,7 +157,7 @@ bool read_trusted(int fd, std::string *text, std::string *why)
 		return false;
 	}
 	if (!read_all(fd, text)) {
-		*why = strerror(errno);
+		*why = errno == EFBIG ? too_large : strerror(errno);
 		return false;
 	}
 	return true;

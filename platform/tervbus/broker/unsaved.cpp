@@ -39,13 +39,24 @@ void publish_again(const journal_message &message, int64_t now_s)
 	mosquitto_log_printf(MOSQ_LOG_ERR, "quillet: message %s is lost", message.id.c_str());
 }
 
+// Once until the broker has saved: with a full disk it would be a line for each message.
+void tell_trouble(journal *notes, const std::string &why)
+{
+	if (!notes->trouble_told)
+		mosquitto_log_printf(MOSQ_LOG_WARNING,
+				"quillet: unsaved.journal: %s; what the broker takes from now on is lost when it is killed before it "
+				"saves",
+				why.c_str());
+	notes->trouble_told = true;
+}
+
 } // namespace
 
-bool unsaved_open(journal *notes, const std::string &folder)
+bool unsaved_open(journal *notes, const std::string &folder, std::string *why)
 {
 	const int64_t now_s = time(nullptr);
 	std::vector<journal_message> unsaved;
-	if (!journal_open(notes, folder, now_s, &unsaved))
+	if (!journal_open(notes, folder, now_s, &unsaved, why))
 		return false;
 	for (const journal_message &message : unsaved)
 		publish_again(message, now_s);
@@ -76,6 +87,9 @@ int unsaved_note(int, void *event, void *user)
 	message.payload.assign(static_cast<const char *>(publish->payload), publish->payloadlen);
 	message.noted_s = time(nullptr);
 	message.ends_s = message.noted_s + (properties.left_s == UINT32_MAX ? lifetime_s : properties.left_s);
-	(void)journal_note(static_cast<journal *>(user), message); // then the broker's own file has to do
+	auto *notes = static_cast<journal *>(user);
+	std::string why;
+	if (!journal_note(notes, message, &why)) // then the broker's own file has to do
+		tell_trouble(notes, why);
 	return MOSQ_ERR_SUCCESS;
 }

@@ -125,6 +125,10 @@ TEST(send_rules, are_loaded_only_from_a_file_that_nobody_else_can_change)
 	}
 	EXPECT_FALSE(rules_load(folder, &rules, &why)) << "a folder";
 	unlink(path.c_str());
+	test_write_file(path, std::string((16 << 20) + 1, '#'));
+	EXPECT_FALSE(rules_load(path.c_str(), &rules, &why));
+	EXPECT_EQ(why, "more than 16777216 bytes: one rule with a glob can stand for those of many units");
+	unlink(path.c_str());
 	rmdir(folder);
 }
 

@@ -14,6 +14,8 @@ namespace fs = std::filesystem;
 
 constexpr int64_t now_s = 1'700'000'000;
 
+constexpr const char *not_its_own = " is no file of its own: remove it, the broker makes a new one";
+
 journal_message message_of(const std::string &id, int64_t ends_s = now_s + 60)
 {
 	return {"movra/v1/ua/AGENT-1/TESTER-1", "application/json", id, std::string("{}\0", 3), now_s, ends_s};
@@ -40,7 +42,7 @@ protected:
 		journal_close(&notes);
 		notes = {};
 		given.clear();
-		EXPECT_TRUE(journal_open(&notes, folder, at_s, &given));
+		EXPECT_TRUE(journal_open(&notes, folder, at_s, &given, &why));
 		std::vector<std::string> ids;
 		for (const journal_message &message : given)
 			ids.push_back(message.id);
@@ -49,7 +51,7 @@ protected:
 
 	void note(const std::string &id)
 	{
-		EXPECT_TRUE(journal_note(&notes, message_of(id)));
+		EXPECT_TRUE(journal_note(&notes, message_of(id), &why));
 	}
 
 	// As the broker saves: a new file takes the old one's place.
@@ -68,6 +70,7 @@ protected:
 	std::string folder;
 	journal notes;
 	std::vector<journal_message> given;
+	std::string why;
 	int saves = 0;
 };
 
@@ -127,7 +130,7 @@ TEST_F(unsaved_journal, stays_for_a_broker_that_is_killed_again_before_it_has_sa
 TEST_F(unsaved_journal, leaves_out_what_is_over)
 {
 	start();
-	ASSERT_TRUE(journal_note(&notes, message_of("1", now_s + 5)));
+	ASSERT_TRUE(journal_note(&notes, message_of("1", now_s + 5), &why));
 	note("2");
 	EXPECT_EQ(start(now_s + 5), id_list{"2"});
 }
@@ -178,7 +181,8 @@ TEST_F(unsaved_journal, is_for_its_owner_alone)
 TEST_F(unsaved_journal, follows_no_link)
 {
 	fs::create_symlink(folder + "/elsewhere", path());
-	EXPECT_FALSE(journal_open(&notes, folder, now_s, &given));
+	EXPECT_FALSE(journal_open(&notes, folder, now_s, &given, &why));
+	EXPECT_EQ(why, path() + not_its_own);
 }
 
 TEST_F(unsaved_journal, takes_no_file_that_has_another_name_as_well)
@@ -186,20 +190,26 @@ TEST_F(unsaved_journal, takes_no_file_that_has_another_name_as_well)
 	std::ofstream(folder + "/other") << "precious";
 	fs::create_hard_link(folder + "/other", path());
 
-	EXPECT_FALSE(journal_open(&notes, folder, now_s, &given));
+	EXPECT_FALSE(journal_open(&notes, folder, now_s, &given, &why));
 
+	EXPECT_EQ(why, path() + not_its_own);
 	EXPECT_EQ(fs::file_size(folder + "/other"), 8u);
 }
 
 TEST_F(unsaved_journal, waits_for_no_pipe)
 {
 	ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
-	EXPECT_FALSE(journal_open(&notes, folder, now_s, &given));
+	EXPECT_FALSE(journal_open(&notes, folder, now_s, &given, &why));
+	EXPECT_EQ(why, path() + not_its_own);
 }
 
 TEST_F(unsaved_journal, cannot_be_opened_in_a_folder_that_is_not_there)
 {
-	EXPECT_FALSE(journal_open(&notes, folder + "/missing", now_s, &given));
+	EXPECT_FALSE(journal_open(&notes, folder + "/missing", now_s, &given, &why));
+	EXPECT_EQ(why,
+			folder +
+					"/missing/unsaved.journal: No such file or directory: plugin_opt_persistence has to name a folder "
+					"that the broker can write to");
 	journal_close(&notes);
 }
 
@@ -209,9 +219,10 @@ TEST_F(unsaved_journal, takes_no_more_than_its_limit_until_the_next_save)
 	journal_message large = message_of("1");
 	large.payload.assign(1 << 24, 'x');
 	int taken = 0;
-	while (taken < 100 && journal_note(&notes, large))
+	while (taken < 100 && journal_note(&notes, large, &why))
 		taken++;
 	EXPECT_EQ(taken, 4); // the one that goes over it is the last
+	EXPECT_EQ(why, "its 67108864 bytes are full, and the broker has not written " + folder + "/mosquitto.db meanwhile");
 
 	save();
 	note("2");
@@ -223,7 +234,8 @@ TEST_F(unsaved_journal, says_that_a_full_disk_took_nothing)
 	start();
 	journal_close(&notes);
 	notes.fd = open("/dev/full", O_RDWR);
-	EXPECT_FALSE(journal_note(&notes, message_of("1")));
+	EXPECT_FALSE(journal_note(&notes, message_of("1"), &why));
+	EXPECT_EQ(why, "No space left on device");
 }
 
 } // namespace

@@ -1,0 +1,114 @@
+// The broker plugin as mosquitto meets it: what it is asked, and what it says in the log.
+#include "plugin_host.h"
+
+#include "support/test_broker.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <mqtt_protocol.h>
+
+#include <filesystem>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class broker_plugin : public testing::Test
+{
+protected:
+	void SetUp() override
+	{
+		std::string name = fs::temp_directory_path() / "plugin-XXXXXX";
+		folder = mkdtemp(name.data());
+		test_write_file(folder + "/rules", "allow node target\nallow @vehicle base\nbridge bridge/up far\n");
+	}
+
+	void TearDown() override
+	{
+		host.unload();
+		mosquitto_property_free_all(&properties);
+		fs::remove_all(folder);
+	}
+
+	void load(std::vector<std::string> more = {})
+	{
+		more.push_back("rules " + folder + "/rules");
+		ASSERT_TRUE(host.load(more)) << testing::PrintToString(host.said());
+	}
+
+	host_publish status(const std::string &group, const std::string &unit, const std::string &text = "on")
+	{
+		return {"movra/v1/status/" + group + "/" + unit, text, true, properties};
+	}
+
+	host_publish request(const std::string &payload = "{}")
+	{
+		mosquitto_property_free_all(&properties);
+		mosquitto_property_add_string_pair(
+				&properties, MQTT_PROP_USER_PROPERTY, "movra-id", "0123456789abcdef0123456789abcdef");
+		return {"movra/v1/ua/target/node", payload, false, properties};
+	}
+
+	std::string folder;
+	plugin_host host;
+	mosquitto_property *properties = nullptr;
+};
+
+} // namespace
+
+TEST_F(broker_plugin, takes_a_status_that_is_one)
+{
+	load();
+	mosquitto *node = host.client("node", "vehicle");
+	mosquitto_property_add_int32(&properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, 180);
+	for (const char *text : {"on", "off", ""})
+		EXPECT_EQ(host.publish(node, status("vehicle", "node", text)), MOSQ_ERR_SUCCESS) << text;
+	EXPECT_THAT(host.said(), IsEmpty());
+}
+
+TEST_F(broker_plugin, lets_a_request_have_any_payload_and_properties)
+{
+	load();
+	EXPECT_EQ(host.publish(host.client("node"), request(std::string(1 << 20, 'x'))), MOSQ_ERR_SUCCESS);
+}
+
+TEST_F(broker_plugin, says_which_options_there_are)
+{
+	for (const char *option : {"rule /rules", "bridge no-units"}) {
+		EXPECT_FALSE(host.load({option}));
+		EXPECT_THAT(host.said(),
+				ElementsAre(std::string("quillet: plugin_opt_") + option +
+						" is not understood: there are plugin_opt_rules <file>, plugin_opt_persistence <folder> and "
+						"plugin_opt_bridge <name> <unit>,<unit>..."));
+	}
+}
+
+TEST_F(broker_plugin, says_what_to_do_about_a_journal_that_is_another_file_too)
+{
+	test_write_file(folder + "/other", "precious");
+	fs::create_hard_link(folder + "/other", folder + "/unsaved.journal");
+	EXPECT_FALSE(host.load({"persistence " + folder}));
+	EXPECT_THAT(host.said(),
+			ElementsAre("quillet: " + folder +
+					"/unsaved.journal is no file of its own: remove it, the broker makes a new one"));
+}
+
+TEST_F(broker_plugin, says_once_until_the_next_save_that_its_journal_is_full)
+{
+	load({"persistence " + folder});
+	mosquitto *node = host.client("node");
+	const std::string line = "quillet: unsaved.journal: its 67108864 bytes are full, and the broker has not written " +
+			folder +
+			"/mosquitto.db meanwhile; what the broker takes from now on is lost when it is killed before it saves";
+	const std::string large(1 << 24, 'x');
+	for (int round = 0; round < 2; round++) {
+		for (int i = 0; i < 8; i++)
+			EXPECT_EQ(host.publish(node, request(large)), MOSQ_ERR_SUCCESS);
+		EXPECT_THAT(host.said(), ElementsAre(line));
+		test_write_file(folder + "/mosquitto.db", "saved " + std::string(static_cast<size_t>(round), '.'));
+	}
+}
