@@ -16,6 +16,8 @@
 #include "refusals.h"
 #include "unsaved.h"
 
+#include "../bus_clock.h"
+
 #include <mosquitto.h>
 #include <mosquitto_broker.h>
 #include <mosquitto_plugin.h>
@@ -24,7 +26,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <map>
 
@@ -33,13 +34,13 @@ namespace
 
 // How long a client is remembered after it has gone. Its will, and the messages for its session, are looked at when
 // its certificate is at hand no more.
-constexpr time_t memory_s = 120;
+constexpr int64_t memory_s = 120;
 
 constexpr size_t name_max = 128; // bytes of a CN, as the nodes have it
 
 struct seen_client {
 	std::string group;
-	time_t gone_at = 0; // 0: connected
+	int64_t gone_s = -1; // -1: connected
 };
 
 // What shows that a file is not the one read before.
@@ -53,14 +54,20 @@ struct plugin_state {
 	mosquitto_plugin_id_t *identifier = nullptr;
 	std::string rules_path;  // empty: no rules, nobody may send to anybody
 	file_mark rules_mark;    // of the rules in force, or of those last refused
-	time_t looked_at = 0;    // for new rules; once a second is enough
+	int64_t looked_s = -1;   // for new rules; once a second is enough
 	std::string persistence; // empty: no journal of what is not saved
 	journal unsaved;
 	access_policy policy;
 	refusal_log refusals;
-	std::map<std::string, seen_client> seen;         // by CN
-	std::deque<std::pair<time_t, std::string>> gone; // who went when, oldest first
+	std::map<std::string, seen_client> seen;          // by CN
+	std::deque<std::pair<int64_t, std::string>> gone; // who went when, oldest first
 };
+
+// Of the machine, so that nothing that is timed here depends on who sets the clock.
+int64_t now_s()
+{
+	return bus_now_ms() / 1000;
+}
 
 // The first OU, or nothing.
 std::string group_in(X509 *certificate)
@@ -118,11 +125,11 @@ access_node node_of(plugin_state *state, const mosquitto *client)
 	return node;
 }
 
-void forget_the_long_gone(plugin_state *state, time_t now)
+void forget_the_long_gone(plugin_state *state, int64_t now)
 {
 	while (!state->gone.empty() && state->gone.front().first + memory_s < now) {
 		const auto known = state->seen.find(state->gone.front().second);
-		if (known != state->seen.end() && known->second.gone_at == state->gone.front().first)
+		if (known != state->seen.end() && known->second.gone_s == state->gone.front().first)
 			state->seen.erase(known);
 		state->gone.pop_front();
 	}
@@ -132,14 +139,14 @@ int note_gone(int, void *event, void *user)
 {
 	const auto *check = static_cast<const mosquitto_evt_disconnect *>(event);
 	auto *state = static_cast<plugin_state *>(user);
-	const time_t now = time(nullptr);
+	const int64_t now = now_s();
 
 	forget_the_long_gone(state, now);
 	const char *name = mosquitto_client_username(check->client);
 	const auto known = name != nullptr ? state->seen.find(name) : state->seen.end();
 	if (known == state->seen.end())
 		return MOSQ_ERR_SUCCESS;
-	known->second.gone_at = now;
+	known->second.gone_s = now;
 	state->gone.emplace_back(now, name);
 	return MOSQ_ERR_SUCCESS;
 }
@@ -184,10 +191,10 @@ void reload_rules(plugin_state *state)
 // Before a decision: what nobody asks about need not be known.
 void look_for_new_rules(plugin_state *state)
 {
-	const time_t now = time(nullptr);
-	if (state->rules_path.empty() || now == state->looked_at)
+	const int64_t now = now_s();
+	if (state->rules_path.empty() || now == state->looked_s)
 		return;
-	state->looked_at = now;
+	state->looked_s = now;
 	if (!same_mark(mark_of(state->rules_path), state->rules_mark))
 		reload_rules(state);
 }
@@ -201,7 +208,7 @@ int reload(int, void *, void *user)
 // The broker's word for it, with a line in its log when one is due.
 int refuse(plugin_state *state, const access_node &node, const access_wish &wish, const char *cause)
 {
-	const std::string line = refusal_line(&state->refusals, node.unit, wish, cause, time(nullptr));
+	const std::string line = refusal_line(&state->refusals, node.unit, wish, cause, now_s());
 	if (!line.empty())
 		mosquitto_log_printf(MOSQ_LOG_WARNING, "%s", line.c_str());
 	return MOSQ_ERR_ACL_DENIED;

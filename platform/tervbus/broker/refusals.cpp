@@ -137,28 +137,28 @@ std::string shown(std::string_view text)
 	return text.size() > topic_shown_max ? printable + "..." : printable;
 }
 
-bool make_room(refusal_log *log, time_t now)
+bool make_room(refusal_log *log, int64_t now_s)
 {
 	if (log->notes.size() < refusal_notes_max)
 		return true;
-	std::erase_if(log->notes, [now](const auto &note) { return note.second.said_at + refusal_pause_s <= now; });
+	std::erase_if(log->notes, [now_s](const auto &note) { return note.second.said_s + refusal_pause_s <= now_s; });
 	return log->notes.size() < refusal_notes_max;
 }
 
 // Is a line due? Then *before has how many refusals went without one.
-bool note_refusal(refusal_log *log, const std::string &unit, const char *cause, time_t now, unsigned *before)
+bool note_refusal(refusal_log *log, const std::string &unit, const char *cause, int64_t now_s, unsigned *before)
 {
 	auto known = log->notes.find({unit, cause});
 	if (known == log->notes.end()) {
-		if (!make_room(log, now))
+		if (!make_room(log, now_s))
 			return false;
 		known = log->notes.emplace(std::pair(unit, cause), refusal_note{}).first;
-	} else if (now < known->second.said_at + refusal_pause_s) {
+	} else if (now_s < known->second.said_s + refusal_pause_s) {
 		known->second.unsaid++;
 		return false;
 	}
 	*before = known->second.unsaid;
-	known->second = {now, 0};
+	known->second = {now_s, 0};
 	return true;
 }
 
@@ -175,10 +175,10 @@ const char *refusal_cause(const access_policy &policy, const access_node &node, 
 }
 
 std::string refusal_line(
-		refusal_log *log, const std::string &unit, const access_wish &wish, const char *cause, time_t now)
+		refusal_log *log, const std::string &unit, const access_wish &wish, const char *cause, int64_t now_s)
 {
 	unsigned before = 0;
-	if (!note_refusal(log, unit, cause, now, &before))
+	if (!note_refusal(log, unit, cause, now_s, &before))
 		return {};
 	std::string line =
 			"quillet: " + shown(unit) + " may not " + action_text(wish.kind) + " " + shown(wish.topic) + ": " + cause;

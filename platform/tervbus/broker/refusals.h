@@ -5,14 +5,14 @@
 
 #include "access.h"
 
-#include <ctime>
+#include <cstdint>
 
-constexpr time_t refusal_pause_s = 60;
+constexpr int64_t refusal_pause_s = 60;
 // Clients and causes held apart. Those beyond go without a line until others have been quiet for the pause.
 constexpr size_t refusal_notes_max = 256;
 
 struct refusal_note {
-	time_t said_at = 0;
+	int64_t said_s = 0;
 	unsigned unsaid = 0; // refusals since then
 };
 
@@ -35,4 +35,4 @@ const char *refusal_cause(const access_policy &policy, const access_node &node, 
 
 // The line for a cause of static duration, or an empty text when there is to be none now.
 std::string refusal_line(
-		refusal_log *log, const std::string &unit, const access_wish &wish, const char *cause, time_t now);
+		refusal_log *log, const std::string &unit, const access_wish &wish, const char *cause, int64_t now_s);

@@ -76,6 +76,47 @@ TEST_F(broker_plugin, lets_a_request_have_any_payload_and_properties)
 	EXPECT_EQ(host.publish(host.client("node"), request(std::string(1 << 20, 'x'))), MOSQ_ERR_SUCCESS);
 }
 
+TEST_F(broker_plugin, says_a_refusal_again_after_a_minute_whatever_becomes_of_the_wall_clock)
+{
+	load();
+	mosquitto *node = host.client("node");
+	const host_publish forged{"movra/v1/ua/target/other", "x", false};
+	host.set_wall_clock(1'700'000'000);
+	host.set_boot_clock(1000);
+	EXPECT_EQ(host.publish(node, forged), MOSQ_ERR_ACL_DENIED);
+	EXPECT_EQ(host.said().size(), 1u);
+
+	host.set_wall_clock(0);
+	host.set_boot_clock(1059);
+	EXPECT_EQ(host.publish(node, forged), MOSQ_ERR_ACL_DENIED);
+	EXPECT_THAT(host.said(), IsEmpty());
+	host.set_boot_clock(1060);
+	EXPECT_EQ(host.publish(node, forged), MOSQ_ERR_ACL_DENIED);
+	EXPECT_EQ(host.said().size(), 1u);
+}
+
+TEST_F(broker_plugin, forgets_the_group_of_who_has_gone_after_a_while_whatever_becomes_of_the_wall_clock)
+{
+	load();
+	host.set_wall_clock(1'700'000'000);
+	host.set_boot_clock(1000);
+	mosquitto *node = host.client("node", "vehicle");
+	mosquitto *other = host.client("other");
+	for (mosquitto *each : {node, other})
+		EXPECT_EQ(
+				host.acl(each, MOSQ_ACL_SUBSCRIBE, {"movra/v1/ua/" + each->name + "/+", "", false}), MOSQ_ERR_SUCCESS);
+	host.disconnect(node);
+	const host_publish will{"movra/v1/ua/base/node", "x", false};
+
+	host.set_wall_clock(1'800'000'000);
+	host.set_boot_clock(1120);
+	EXPECT_EQ(host.acl(node, MOSQ_ACL_WRITE, will), MOSQ_ERR_SUCCESS);
+	host.set_wall_clock(0);
+	host.set_boot_clock(1121);
+	host.disconnect(other);
+	EXPECT_EQ(host.acl(node, MOSQ_ACL_WRITE, will), MOSQ_ERR_ACL_DENIED);
+}
+
 TEST_F(broker_plugin, says_which_options_there_are)
 {
 	for (const char *option : {"rule /rules", "bridge no-units"}) {
