@@ -14,6 +14,8 @@ struct question {
 	access_kind kind = access_kind::read;
 	std::string topic;
 	bool retained = false;
+	std::string payload;
+	bool adorned = false;
 };
 
 bool starts_with(const std::string &text, const std::string &start)
@@ -72,12 +74,20 @@ void take_rules(const std::string &text, const access_node &node, const std::str
 		require(rules_allow(*rules, "old", "", "old", false));
 }
 
+void require_presence(const question &asked)
+{
+	require(asked.payload.size() <= 3 && !asked.adorned);
+	require(asked.payload.empty() || asked.payload == "on" || asked.payload == "off");
+}
+
 void require_own_sender(const question &asked, const send_rules &rules)
 {
 	const access_node &node = asked.node;
 	require(last_level(asked.topic) == node.unit);
-	if (starts_with(asked.topic, "movra/v1/status/"))
+	if (starts_with(asked.topic, "movra/v1/status/")) {
+		require_presence(asked);
 		return;
+	}
 	const bool to_group = starts_with(asked.topic, "movra/v1/grp/");
 	require(!asked.retained && rules_allow(rules, node.unit, node.group, addressee(asked.topic), to_group));
 }
@@ -134,13 +144,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	asked.node.group = take_text(&input);
 	asked.topic = take_topic(&input, asked.node);
 	const std::string to = take_text(&input);
+	asked.payload = to;
+	asked.adorned = (flags & 128) != 0;
 	const std::string bridge = take_text(&input);
 	const std::string rules(reinterpret_cast<const char *>(input.at), input.left);
 
 	access_policy policy;
 	take_rules(rules, asked.node, to, &policy.rules);
 	const bool bridged = access_add_bridge(&policy, bridge) || rules.find("bridge") != std::string::npos;
-	const bool allowed = access_allowed(policy, asked.node, asked.kind, asked.topic, asked.retained);
+	const bool allowed =
+			access_allowed(policy, asked.node, {asked.kind, asked.topic, asked.retained, asked.payload, asked.adorned});
 	require(!allowed || starts_with(asked.topic, "movra/v1/"));
 	if (allowed && !bridged) // a bridge speaks for others
 		require_permitted(asked, policy.rules);

@@ -127,16 +127,16 @@ class Intruder:
             else:
                 raise ConnectionError(f"packet {got:#x} {body.hex()} instead of {kind:#x}")
 
-    def publish(self, topic, payload=b"x", retained=False):
+    def publish(self, topic, payload=b"x", retained=False, properties=b""):
         """A publish of QoS 1; the reason code in its acknowledgement."""
-        return self.publish_all(topic, [payload], retained)[0]
+        return self.publish_all(topic, [payload], retained, properties)[0]
 
-    def publish_all(self, topic, payloads, retained=False):
+    def publish_all(self, topic, payloads, retained=False, properties=b""):
         """The same for many, without waiting in between."""
         packets = b""
         for payload in payloads:
             self.next_id = self.next_id % 0xFFFF + 1
-            body = utf8(topic) + self.next_id.to_bytes(2, "big") + b"\0" + payload
+            body = utf8(topic) + self.next_id.to_bytes(2, "big") + variable(len(properties)) + properties + payload
             packets += bytes([0x33 if retained else 0x32]) + variable(len(body)) + body
         self.socket.sendall(packets)
         acknowledgements = [self.wait_for(0x40) for _ in payloads]

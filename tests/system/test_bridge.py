@@ -102,10 +102,10 @@ def client(program, cert_dir, port, *arguments):
     return subprocess.run([str(part) for part in command], capture_output=True, text=True, timeout=20 * PATIENCE).stdout
 
 
-def write(cert_dir, port, topic, *options):
+def write(cert_dir, port, topic, payload="x"):
     """The broker's reason code for a publish."""
     return int(re.search(r"received PUBACK \(Mid: 1, RC:(\d+)\)",
-                         client("mosquitto_pub", cert_dir, port, "-t", topic, "-m", "x", *options))[1])
+                         client("mosquitto_pub", cert_dir, port, "-t", topic, "-m", payload))[1])
 
 
 def read(cert_dir, port, topic):
@@ -331,7 +331,8 @@ FAR_WRITES = [
 
 @pytest.mark.parametrize("topic, allowed", FAR_WRITES)
 def test_the_fleet_lets_a_bridge_write_for_its_units_only(sides, topic, allowed):
-    code = write(sides.fleet.folder / "CAR-8", sides.fleet_port, f"movra/v1/{topic}")
+    payload = "on" if topic.startswith("status/") else "x"
+    code = write(sides.fleet.folder / "CAR-8", sides.fleet_port, f"movra/v1/{topic}", payload)
     assert code in ((0, NO_SUBSCRIBERS) if allowed else (NOT_AUTHORIZED,))
 
 

@@ -12,7 +12,7 @@ import pytest
 
 from bystander import BrokerLog, Exchange
 from harness import BIN, PATIENCE, Broker, Pki, free_port
-from intruder import SERVER, Forge, Intruder, tls_context
+from intruder import SERVER, Forge, Intruder, tls_context, utf8
 from requester import Requester
 
 REFUSED = 0x87
@@ -296,6 +296,8 @@ NO_TOPIC = "that is no topic of the bus"
 NOT_ITS_OWN = "that is neither its own inbox nor a status of its group"
 WILDCARD = "a wildcard stands for other nodes' addresses"
 OTHER_GROUP = "that is the status of another group"
+NO_STATUS = "a status says on, off or nothing, and has no properties but its expiry"
+MANY_GROUPS = "a bridge may name 4 groups for a unit, of 128 bytes at most, until the broker is started anew"
 OF_THE_BROKER = "the bus has no topics that begin with '$' and no shared subscriptions"
 
 # A node of the right CA, in the group "strangers"; {me} is its own name.
@@ -413,19 +415,55 @@ def test_a_requester_without_a_rule_is_told_so(forge, broker):
     assert any(re.fullmatch(r"bus: publish \d+: refused by the broker \(135\)", line) for line in lines), lines
 
 
-WILLS = [
-    ("the status of somebody else", "status/strangers/AGENT-1"),
-    ("a request of somebody else", "ua/AGENT-1/TESTER-1"),
+def user_properties(size):
+    """As many as make up so many bytes."""
+    one = b"\x26" + utf8("n" * 60_000) + utf8("v" * 60_000)
+    return one * (size // len(one))
+
+
+# In a node's own status, which its whole group is given without any rule.
+STATUSES = [
+    ("a text of 12 MB", b"x" * 12_000_000, b""),
+    ("a command", FORGED, b""),
+    ("on and more", b"on\0", b""),
+    ("on with user properties of 12 MB", b"on", user_properties(12_000_000)),
+    ("off with a content type", b"off", b"\x03" + utf8("application/json")),
 ]
 
 
-@pytest.mark.parametrize("text", [row[1] for row in WILLS], ids=[row[0] for row in WILLS])
-def test_a_forged_will(stranger, log, text):
+@pytest.mark.parametrize("payload, properties", [row[1:] for row in STATUSES], ids=[row[0] for row in STATUSES])
+def test_a_status_that_is_none(stranger, log, payload, properties):
+    topic = f"movra/v1/status/strangers/{stranger.me}"
+    watcher, node = stranger(name=f"WATCHER-{stranger.me}"), stranger()
+    assert watcher.subscribe("movra/v1/status/strangers/+") == 1
+    for retained in (True, False):
+        assert node.publish(topic, payload, retained, properties) == REFUSED
+    expect_line(log, stranger.me, "publish to", topic, NO_STATUS)
+
+    expiry = b"\x02" + (180).to_bytes(4, "big")
+    for status in (b"on", b"off", b""):
+        assert node.publish(topic, status, retained=True, properties=expiry) == 0
+    assert watcher.publish(f"movra/v1/status/strangers/WATCHER-{stranger.me}", b"on") == 0
+    statuses = [body[body.index(stranger.me.encode()) + len(stranger.me):] for body in watcher.messages]
+    assert [body.rsplit(b"\x02\0\0\0\xb4")[-1] for body in statuses[:3]] == [b"on", b"off", b""]
+
+
+WILLS = [
+    ("the status of somebody else", "status/strangers/AGENT-1", OTHER_SENDER),
+    ("a request of somebody else", "ua/AGENT-1/TESTER-1", OTHER_SENDER),
+    ("what is no status", "status/strangers/{me}", NO_STATUS),
+]
+
+
+@pytest.mark.parametrize("text, cause", [row[1:] for row in WILLS], ids=[row[0] for row in WILLS])
+def test_a_forged_will(stranger, log, text, cause):
     topic = topic_of(text, stranger.me)
     watcher = stranger(name=f"WATCHER-{stranger.me}")
     assert watcher.subscribe("movra/v1/status/strangers/+") == 1
-    stranger(will=(topic, FORGED)).drop()
-    expect_line(log, stranger.me, "publish to", topic, OTHER_SENDER)
+    node = stranger(will=(topic, FORGED))
+    assert node.subscribe(ANYBODYS) == 1, "its certificate is known"
+    node.drop()
+    expect_line(log, stranger.me, "publish to", topic, cause)
     assert watcher.subscribe(ANYBODYS) == 1
     assert watcher.messages == []
 
@@ -449,6 +487,7 @@ BRIDGED = [
     ("publish to", "ua/AGENT-1/BRIDGE", BEYOND),
     ("publish to", "status/vehicles/AGENT-1", BEYOND),
     ("publish to", "ua/AGENT-1/UNIT-1", NO_RULE),
+    ("publish to", "status/vehicles/UNIT-1", NO_STATUS),
     ("subscribe to", "ua/AGENT-1/+", BEYOND),
     ("subscribe to", "status/+/AGENT-1", BEYOND),
     ("subscribe to", "ua/BRIDGE/+", BEYOND),
@@ -468,3 +507,25 @@ def test_a_bridge_beyond_its_units(stranger, log):
             expect_line(log, "BRIDGE", action, topic, cause)
         told.add(cause)
     assert sum("quillet: BRIDGE " in line for line in log.lines()) == len(told)
+
+
+def test_a_bridge_that_names_groups_without_end(stranger, log):
+    """Each would be one status more that the broker keeps."""
+    node = stranger("BRIDGE", group=None)
+    names = [f"group-{number}" for number in range(20)]
+    codes = [node.publish(f"movra/v1/status/{name}/UNIT-2", b"on", retained=True) for name in names]
+    assert codes == [0x10] * 4 + [REFUSED] * 16
+    expect_line(log, "BRIDGE", "publish to", "movra/v1/status/group-4/UNIT-2", MANY_GROUPS)
+    assert node.publish("movra/v1/status/group-0/UNIT-2", b"off", retained=True) == 0x10, "a known one"
+    node.drop()
+    log.wait_for("Client BRIDGE closed its connection.")
+
+    watcher = stranger(group="group-19")
+    assert watcher.subscribe("movra/v1/status/group-19/+") == 1
+    log.mark()
+    node = stranger("BRIDGE", group=None, will=("movra/v1/status/group-19/UNIT-2", b"off"))
+    assert node.subscribe("movra/v1/ua/UNIT-1/+") == 1, "its certificate is known"
+    node.drop()
+    log.wait_for("Client BRIDGE closed its connection.")
+    assert watcher.subscribe(ANYBODYS) == 1
+    assert watcher.messages == []

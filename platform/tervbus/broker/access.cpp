@@ -4,6 +4,7 @@ namespace
 {
 
 constexpr std::string_view prefix = "movra/v1/";
+constexpr std::string_view status_prefix = "movra/v1/status/";
 constexpr std::string_view dm_client = "DM-CLIENT";
 constexpr std::string_view dm_client_number = "0";
 
@@ -62,13 +63,14 @@ bool group_status(const access_node &node, const topic_levels &topic)
 	return node.away || (!node.group.empty() && topic.to == node.group);
 }
 
-bool node_may_write(const access_policy &policy, const access_node &node, const topic_levels &topic, bool retained)
+bool node_may_write(
+		const access_policy &policy, const access_node &node, const topic_levels &topic, const access_wish &wish)
 {
 	if (node.away)
 		return false;
 	if (topic.kind == "status")
-		return topic.to == node.group && topic.from == node.unit;
-	return is_inbox(topic) && send_allowed(policy, node.unit, node.group, topic, retained);
+		return topic.to == node.group && topic.from == node.unit && access_is_presence(wish);
+	return is_inbox(topic) && send_allowed(policy, node.unit, node.group, topic, wish.retained);
 }
 
 bool node_may_read(const access_node &node, const topic_levels &topic)
@@ -96,13 +98,14 @@ bool lists(const bridge_map &bridges, const std::string &name, std::string_view 
 }
 
 // The group of a bridge's certificate stands for that of its units.
-bool bridge_may_write(const access_policy &policy, const access_node &node, const topic_levels &topic, bool retained)
+bool bridge_may_write(
+		const access_policy &policy, const access_node &node, const topic_levels &topic, const access_wish &wish)
 {
 	if (node.away || !access_speaks_for(policy, node, topic.from))
 		return false;
 	if (topic.kind == "status")
-		return true;
-	return is_inbox(topic) && send_allowed(policy, std::string(topic.from), node.group, topic, retained);
+		return access_is_presence(wish);
+	return is_inbox(topic) && send_allowed(policy, std::string(topic.from), node.group, topic, wish.retained);
 }
 
 bool bridge_may_read(const access_policy &policy, const access_node &node, const topic_levels &topic)
@@ -124,20 +127,20 @@ bool still_allowed(const access_policy &policy, const topic_levels &topic)
 					rules_may_come(policy.rules, std::string(topic.from), destination, to_group));
 }
 
-bool node_allowed(const access_policy &policy, const access_node &node, access_kind kind, const topic_levels &topic,
-		bool retained)
+bool node_allowed(
+		const access_policy &policy, const access_node &node, const topic_levels &topic, const access_wish &wish)
 {
-	if (kind == access_kind::write)
-		return node_may_write(policy, node, topic, retained);
+	if (wish.kind == access_kind::write)
+		return node_may_write(policy, node, topic, wish);
 	return node_may_subscribe(node, topic);
 }
 
 // Wildcards in a bridge's filter stand where its units do not: the sender of an inbox, the group of a status.
-bool bridge_allowed(const access_policy &policy, const access_node &node, access_kind kind, const topic_levels &topic,
-		bool retained)
+bool bridge_allowed(
+		const access_policy &policy, const access_node &node, const topic_levels &topic, const access_wish &wish)
 {
-	if (kind == access_kind::write)
-		return bridge_may_write(policy, node, topic, retained);
+	if (wish.kind == access_kind::write)
+		return bridge_may_write(policy, node, topic, wish);
 	return !node.away && bridge_may_read(policy, node, topic);
 }
 
@@ -162,6 +165,11 @@ bool access_split(std::string_view topic, topic_levels *parts)
 	return topic.find('/') == std::string_view::npos;
 }
 
+bool access_is_status(std::string_view topic)
+{
+	return topic.substr(0, status_prefix.size()) == status_prefix;
+}
+
 bool access_is_bridge(const access_policy &policy, const access_node &node)
 {
 	return policy.bridges.contains(node.unit) || policy.rules.bridges.contains(node.unit);
@@ -177,20 +185,41 @@ bool access_is_for(const access_policy &policy, const access_node &node, const t
 	return access_is_bridge(policy, node) ? bridge_may_read(policy, node, topic) : node_may_read(node, topic);
 }
 
-bool access_allowed(
-		const access_policy &policy, const access_node &node, access_kind kind, std::string_view topic, bool retained)
+bool access_is_presence(const access_wish &wish)
+{
+	return !wish.adorned && (wish.payload.empty() || wish.payload == "on" || wish.payload == "off");
+}
+
+bool access_allowed(const access_policy &policy, const access_node &node, const access_wish &wish)
 {
 	topic_levels parts;
-	if (!well_named(policy, node) || !access_split(topic, &parts))
+	if (!well_named(policy, node) || !access_split(wish.topic, &parts))
 		return false;
-	if (kind == access_kind::subscribe && topic.find('#') != std::string_view::npos)
+	if (wish.kind == access_kind::subscribe && wish.topic.find('#') != std::string_view::npos)
 		return false;
 
-	if (kind == access_kind::read)
+	if (wish.kind == access_kind::read)
 		return access_is_for(policy, node, parts) && still_allowed(policy, parts);
 	if (access_is_bridge(policy, node))
-		return bridge_allowed(policy, node, kind, parts, retained);
-	return node_allowed(policy, node, kind, parts, retained);
+		return bridge_allowed(policy, node, parts, wish);
+	return node_allowed(policy, node, parts, wish);
+}
+
+bool access_note_group(
+		bridged_groups *groups, const access_policy &policy, const access_node &node, std::string_view topic)
+{
+	topic_levels parts;
+	if (!access_is_status(topic) || !access_is_bridge(policy, node) || !access_split(topic, &parts))
+		return true;
+	auto known = groups->find(parts.from);
+	if (known == groups->end())
+		known = groups->try_emplace(std::string(parts.from)).first;
+	if (known->second.contains(parts.to))
+		return true;
+	if (known->second.size() >= bridged_groups_max || parts.to.size() > bridged_group_length_max)
+		return false;
+	known->second.emplace(parts.to);
+	return true;
 }
 
 bool access_add_bridge(access_policy *policy, std::string_view text)

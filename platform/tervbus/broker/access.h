@@ -13,6 +13,15 @@ constexpr std::string_view access_local_prefix = "bridge/";
 
 enum class access_kind { read, write, subscribe };
 
+// What a client wants.
+struct access_wish {
+	access_kind kind = access_kind::read;
+	std::string_view topic;
+	bool retained = false;
+	std::string_view payload = {}; // of a write
+	bool adorned = false;          // a write with more properties than its expiry
+};
+
 // Whose certificate it is.
 struct access_node {
 	std::string unit;  // its CN
@@ -31,6 +40,12 @@ struct access_policy {
 	bridge_map bridges; // of the broker's configuration, beside those of the rules
 };
 
+// The groups that bridges have named in the status of a unit behind them. A unit has one, and another after a new
+// certificate; but the broker keeps a status for each name, so that there is an end to them.
+using bridged_groups = std::map<std::string, std::set<std::string, std::less<>>, std::less<>>; // by unit
+constexpr size_t bridged_groups_max = 4;                                                       // of a unit
+constexpr size_t bridged_group_length_max = 128;                                               // bytes, as any name
+
 // The levels of a topic behind the bus's prefix: <kind>/<to>/<from>. Views into the topic.
 struct topic_levels {
 	std::string_view kind;
@@ -41,6 +56,9 @@ struct topic_levels {
 // False for a topic that is none of the bus's form, whatever its levels hold.
 bool access_split(std::string_view topic, topic_levels *parts);
 
+// Of a topic of the bus's form.
+bool access_is_status(std::string_view topic);
+
 bool access_is_bridge(const access_policy &policy, const access_node &node);
 
 // Is the unit one of those that this bridge is listed for?
@@ -49,8 +67,15 @@ bool access_speaks_for(const access_policy &policy, const access_node &node, std
 // Is it the client's own inbox, or a status that it is told of? Whoever has sent it.
 bool access_is_for(const access_policy &policy, const access_node &node, const topic_levels &topic);
 
-bool access_allowed(
-		const access_policy &policy, const access_node &node, access_kind kind, std::string_view topic, bool retained);
+// Is it what presence writes into a status: "on", "off" or nothing, by itself? A status is kept, and goes to whole
+// groups that no rule names, so that it carries nothing else.
+bool access_is_presence(const access_wish &wish);
+
+bool access_allowed(const access_policy &policy, const access_node &node, const access_wish &wish);
+
+// A write that is allowed, and has come: false when it is a bridge's, of a status under one group name too many.
+bool access_note_group(
+		bridged_groups *groups, const access_policy &policy, const access_node &node, std::string_view topic);
 
 // "<CN> <unit>,<unit>…" as the plugin's option has it; false when it is not of that form.
 bool access_add_bridge(access_policy *policy, std::string_view text);

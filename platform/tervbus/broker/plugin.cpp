@@ -21,6 +21,7 @@
 #include <mosquitto.h>
 #include <mosquitto_broker.h>
 #include <mosquitto_plugin.h>
+#include <mqtt_protocol.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
@@ -59,6 +60,7 @@ struct plugin_state {
 	journal unsaved;
 	access_policy policy;
 	refusal_log refusals;
+	bridged_groups groups;
 	std::map<std::string, seen_client> seen;          // by CN
 	std::deque<std::pair<int64_t, std::string>> gone; // who went when, oldest first
 };
@@ -216,9 +218,26 @@ int refuse(plugin_state *state, const access_node &node, const access_wish &wish
 
 int decide(plugin_state *state, const access_node &node, const access_wish &wish)
 {
-	if (access_allowed(state->policy, node, wish.kind, wish.topic, wish.retained))
+	if (access_allowed(state->policy, node, wish))
 		return MOSQ_ERR_SUCCESS;
 	return refuse(state, node, wish, refusal_cause(state->policy, node, wish));
+}
+
+// A write that has come. The broker asks also about what it has kept, before it gives it to somebody: then the client
+// is a mere name, without a protocol.
+int decide_write(plugin_state *state, const mosquitto *client, const access_node &node, const access_wish &wish)
+{
+	const int verdict = decide(state, node, wish);
+	if (verdict != MOSQ_ERR_SUCCESS || mosquitto_client_protocol_version(client) == 0)
+		return verdict;
+	return access_note_group(&state->groups, state->policy, node, wish.topic)
+			? verdict
+			: refuse(state, node, wish, refusal_many_groups);
+}
+
+std::string_view payload_of(const void *bytes, uint32_t length)
+{
+	return bytes != nullptr ? std::string_view(static_cast<const char *>(bytes), length) : std::string_view();
 }
 
 int check_access(int, void *event, void *user)
@@ -229,10 +248,13 @@ int check_access(int, void *event, void *user)
 	if (check->access == MOSQ_ACL_UNSUBSCRIBE)
 		return MOSQ_ERR_SUCCESS;
 	look_for_new_rules(state);
-	for (const access_row &row : access_table)
-		if (row.asked == check->access)
-			return decide(state, node_of(state, check->client), {row.kind, check->topic, check->retain});
-	return MOSQ_ERR_ACL_DENIED;
+	const access_row *row = std::find_if(std::begin(access_table), std::end(access_table),
+			[check](const access_row &each) { return each.asked == check->access; });
+	if (row == std::end(access_table))
+		return MOSQ_ERR_ACL_DENIED;
+	const access_wish wish{row->kind, check->topic, check->retain, payload_of(check->payload, check->payloadlen)};
+	const access_node node = node_of(state, check->client);
+	return wish.kind == access_kind::write ? decide_write(state, check->client, node, wish) : decide(state, node, wish);
 }
 
 // A local unit's name is never taken from the far end of a bridge, whatever the lists say.
@@ -250,20 +272,37 @@ bool is_local_bridge(const mosquitto *client)
 			std::string_view(name).substr(0, access_local_prefix.size()) == access_local_prefix;
 }
 
-// What comes in over a bridge that this broker has opened. All others were asked about in check_access.
-int check_bridged(int, void *event, void *user)
+// What comes in over a bridge that this broker has opened.
+int decide_bridged(plugin_state *state, const mosquitto *client, const access_wish &wish)
+{
+	look_for_new_rules(state);
+	const char *name = mosquitto_client_username(client);
+	const access_node bridge{.unit = name != nullptr ? name : "", .group = "", .local = true};
+	return poses_as_local(state, wish.topic) ? refuse(state, bridge, wish, refusal_as_local)
+											 : decide_write(state, client, bridge, wish);
+}
+
+bool is_adorned(const mosquitto_property *property)
+{
+	for (; property != nullptr; property = mosquitto_property_next(property))
+		if (mosquitto_property_identifier(property) != MQTT_PROP_MESSAGE_EXPIRY_INTERVAL)
+			return true;
+	return false;
+}
+
+// What check_access was not asked about, or not shown: messages of this broker's own bridges, and the properties of all
+// others. Those of a will mosquitto 2.0 shows to no plugin.
+int check_message(int, void *event, void *user)
 {
 	const auto *message = static_cast<const mosquitto_evt_message *>(event);
 	auto *state = static_cast<plugin_state *>(user);
 
-	if (!is_local_bridge(message->client))
-		return MOSQ_ERR_SUCCESS;
-	look_for_new_rules(state);
-	const char *name = mosquitto_client_username(message->client);
-	const access_node bridge{.unit = name != nullptr ? name : "", .group = "", .local = true};
-	const access_wish wish{access_kind::write, message->topic, message->retain};
-	return poses_as_local(state, message->topic) ? refuse(state, bridge, wish, refusal_as_local)
-												 : decide(state, bridge, wish);
+	const access_wish wish{access_kind::write, message->topic, message->retain,
+			payload_of(message->payload, message->payloadlen), is_adorned(message->properties)};
+	if (is_local_bridge(message->client))
+		return decide_bridged(state, message->client, wish);
+	return wish.adorned && access_is_status(wish.topic) ? decide(state, node_of(state, message->client), wish)
+														: MOSQ_ERR_SUCCESS;
 }
 
 // The broker asks this only about a client that has not proved its name with a certificate.
@@ -312,7 +351,7 @@ struct callback_row {
 constexpr callback_row callback_table[] = {
 		{MOSQ_EVT_ACL_CHECK, check_access},
 		{MOSQ_EVT_BASIC_AUTH, refuse_password},
-		{MOSQ_EVT_MESSAGE, check_bridged},
+		{MOSQ_EVT_MESSAGE, check_message},
 		{MOSQ_EVT_DISCONNECT, note_gone},
 		{MOSQ_EVT_RELOAD, reload},
 };

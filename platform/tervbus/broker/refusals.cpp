@@ -64,6 +64,12 @@ bool under_a_foreign_name(const refusal &refused)
 
 bool foreign_status(const refusal &refused)
 {
+	return writes(refused) && refused.levels.kind == "status" && !is_bridge(refused) &&
+			refused.levels.to != refused.node.group;
+}
+
+bool no_presence(const refusal &refused)
+{
 	return writes(refused) && refused.levels.kind == "status";
 }
 
@@ -100,10 +106,11 @@ constexpr cause_row cause_table[] = {
 		{under_a_foreign_name, "the sender in the topic is another node"},
 		{while_away, "it is away, and its certificate is not at hand"},
 		{foreign_status, "that is the status of another group"},
+		{no_presence, "a status says on, off or nothing, and has no properties but its expiry"},
 		{to_be_kept, "an inbox keeps no retained messages"},
 		{not_to_read, "that is neither its own inbox nor a status of its group"},
 };
-static_assert(std::size(cause_table) == 10);
+static_assert(std::size(cause_table) == 11);
 
 constexpr const char *no_rule = "no rule allows it";
 

@@ -20,15 +20,13 @@ struct refusal_log {
 	std::map<std::pair<std::string, const char *>, refusal_note> notes; // by CN and cause
 };
 
-// What a client wanted.
-struct access_wish {
-	access_kind kind = access_kind::read;
-	std::string_view topic;
-	bool retained = false;
-};
-
 // The far end of a bridge speaks as a node of this side: what no list allows.
 constexpr const char *refusal_as_local = "the sender in the topic is a node of this side";
+
+// A bridge names groups without an end.
+constexpr const char *refusal_many_groups =
+		"a bridge may name 4 groups for a unit, of 128 bytes at most, until the broker is started anew";
+static_assert(bridged_groups_max == 4 && bridged_group_length_max == 128);
 
 // Why access_allowed said no. A text of static duration.
 const char *refusal_cause(const access_policy &policy, const access_node &node, const access_wish &wish);

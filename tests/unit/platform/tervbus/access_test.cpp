@@ -25,7 +25,12 @@ class broker_access : public testing::Test
 protected:
 	bool allowed(const access_node &node, access_kind kind, const char *topic, bool retained = false)
 	{
-		return access_allowed(policy, node, kind, topic, retained);
+		return access_allowed(policy, node, {kind, topic, retained});
+	}
+
+	bool may_say(const access_node &node, const char *topic, std::string_view payload, bool adorned = false)
+	{
+		return access_allowed(policy, node, {access_kind::write, topic, true, payload, adorned});
 	}
 
 	access_policy policy;
@@ -139,6 +144,76 @@ TEST_F(broker_access, lets_a_node_write_its_own_status_only)
 	for (const char *topic : {"movra/v1/status/vehicle/other", "movra/v1/status/other/agent", "movra/v1/status//agent"})
 		EXPECT_FALSE(allowed(agent, access_kind::write, topic, true)) << topic;
 	EXPECT_FALSE(allowed(away, access_kind::write, "movra/v1/status//agent", true));
+}
+
+// What a status says goes to a whole group, is kept, and no rule is asked about it.
+TEST_F(broker_access, lets_a_status_say_what_presence_says_and_nothing_else)
+{
+	policy.rules = parsed("bridge bridge agent\nbridge bridge/up agent\n");
+	const access_node bridge{.unit = "bridge", .group = ""};
+	const access_node far{.unit = "bridge/up", .group = "", .local = true};
+	const char *topic = "movra/v1/status/vehicle/agent";
+	for (const access_node *who : {&agent, &bridge, &far}) {
+		SCOPED_TRACE(who->unit);
+		for (const char *text : {"on", "off", ""}) {
+			EXPECT_TRUE(may_say(*who, topic, text)) << text;
+			EXPECT_FALSE(may_say(*who, topic, text, true)) << text << " with properties";
+		}
+		for (const std::string_view text : std::initializer_list<std::string_view>{
+					 "On", "on ", "of", "o", "offf", "x", std::string_view("on\0", 3), std::string_view("\0", 1)})
+			EXPECT_FALSE(may_say(*who, topic, text)) << text;
+		EXPECT_FALSE(may_say(*who, topic, std::string(12'000'000, 'x')));
+	}
+}
+
+TEST_F(broker_access, lets_an_inbox_be_sent_anything)
+{
+	policy.rules = parsed("allow agent target\n");
+	const std::string large(1 << 24, 'x');
+	EXPECT_TRUE(access_allowed(policy, agent, {access_kind::write, "movra/v1/ua/target/agent", false, large, true}));
+}
+
+class groups_of_bridged_units : public testing::Test
+{
+protected:
+	bool taken(const std::string &group, const std::string &unit = "a")
+	{
+		return access_note_group(&groups, policy, bridge, "movra/v1/status/" + group + "/" + unit);
+	}
+
+	access_policy policy{parsed("bridge bridge a,b\n"), {}};
+	const access_node bridge{.unit = "bridge", .group = ""};
+	bridged_groups groups;
+};
+
+TEST_F(groups_of_bridged_units, are_taken_up_to_a_number_for_each_unit)
+{
+	for (size_t i = 0; i < bridged_groups_max; i++)
+		EXPECT_TRUE(taken("group" + std::to_string(i)));
+	for (size_t i = 0; i < 1000; i++)
+		EXPECT_FALSE(taken("more" + std::to_string(i)));
+	EXPECT_TRUE(taken("group0")) << "a known one";
+	EXPECT_TRUE(taken("more", "b")) << "another unit";
+	EXPECT_EQ(groups.size(), 2u);
+	EXPECT_EQ(groups["a"].size(), bridged_groups_max);
+}
+
+TEST_F(groups_of_bridged_units, are_none_longer_than_a_name_can_be)
+{
+	EXPECT_TRUE(taken(""));
+	EXPECT_TRUE(taken(std::string(128, 'g')));
+	EXPECT_FALSE(taken(std::string(129, 'g')));
+}
+
+TEST_F(groups_of_bridged_units, are_not_counted_for_nodes_and_inboxes)
+{
+	const access_node node{.unit = "node", .group = "vehicle"};
+	for (size_t i = 0; i < 3 * bridged_groups_max; i++) {
+		const std::string name = std::to_string(i);
+		EXPECT_TRUE(access_note_group(&groups, policy, node, "movra/v1/status/" + name + "/node"));
+		EXPECT_TRUE(access_note_group(&groups, policy, bridge, "movra/v1/ua/" + name + "/a"));
+	}
+	EXPECT_TRUE(groups.empty());
 }
 
 TEST_F(broker_access, lets_a_node_send_under_its_name_where_the_rules_say)

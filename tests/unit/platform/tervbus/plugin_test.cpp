@@ -17,6 +17,10 @@ namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+constexpr const char *no_presence = "a status says on, off or nothing, and has no properties but its expiry";
+constexpr const char *many_groups =
+		"a bridge may name 4 groups for a unit, of 128 bytes at most, until the broker is started anew";
+
 class broker_plugin : public testing::Test
 {
 protected:
@@ -70,10 +74,75 @@ TEST_F(broker_plugin, takes_a_status_that_is_one)
 	EXPECT_THAT(host.said(), IsEmpty());
 }
 
+TEST_F(broker_plugin, refuses_a_status_with_another_text)
+{
+	load();
+	mosquitto *node = host.client("node", "vehicle");
+	EXPECT_EQ(host.acl(node, MOSQ_ACL_WRITE, status("vehicle", "node", std::string(12'000'000, 'x'))),
+			MOSQ_ERR_ACL_DENIED);
+	EXPECT_THAT(host.said(),
+			ElementsAre(std::string("quillet: node may not publish to movra/v1/status/vehicle/node: ") + no_presence));
+}
+
+TEST_F(broker_plugin, refuses_a_status_with_properties)
+{
+	load();
+	mosquitto *node = host.client("node", "vehicle");
+	mosquitto_property_add_int32(&properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, 180);
+	mosquitto_property_add_string_pair(&properties, MQTT_PROP_USER_PROPERTY, "name", "value");
+	EXPECT_EQ(host.publish(node, status("vehicle", "node")), MOSQ_ERR_ACL_DENIED);
+	EXPECT_THAT(host.said(),
+			ElementsAre(std::string("quillet: node may not publish to movra/v1/status/vehicle/node: ") + no_presence));
+}
+
+TEST_F(broker_plugin, refuses_what_is_no_status_from_a_bridge_of_the_broker_itself)
+{
+	load();
+	mosquitto *bridge = host.own_bridge("bridge/up");
+	EXPECT_EQ(host.message(bridge, status("fleet", "far", "off")), MOSQ_ERR_SUCCESS);
+	EXPECT_EQ(host.message(bridge, status("fleet", "far", "x")), MOSQ_ERR_ACL_DENIED);
+	mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, "text/plain");
+	EXPECT_EQ(host.message(bridge, status("fleet", "far")), MOSQ_ERR_ACL_DENIED);
+}
+
 TEST_F(broker_plugin, lets_a_request_have_any_payload_and_properties)
 {
 	load();
 	EXPECT_EQ(host.publish(host.client("node"), request(std::string(1 << 20, 'x'))), MOSQ_ERR_SUCCESS);
+}
+
+TEST_F(broker_plugin, takes_the_groups_that_bridges_name_up_to_a_number)
+{
+	load({"bridge up unit"});
+	for (mosquitto *bridge : {host.client("up"), host.own_bridge("bridge/up")}) {
+		const std::string unit = bridge->address.empty() ? "far" : "unit";
+		const auto write = [&](const std::string &group) {
+			return bridge->address.empty() ? host.message(bridge, status(group, unit))
+										   : host.publish(bridge, status(group, unit));
+		};
+		for (const char *group : {"1", "2", "3", "4"})
+			EXPECT_EQ(write(group), MOSQ_ERR_SUCCESS);
+		EXPECT_EQ(write("5"), MOSQ_ERR_ACL_DENIED);
+		EXPECT_EQ(write("1"), MOSQ_ERR_SUCCESS);
+		EXPECT_THAT(host.said(),
+				ElementsAre("quillet: " + bridge->name + " may not publish to movra/v1/status/5/" + unit + ": " +
+						many_groups));
+	}
+}
+
+// Before it gives away what it has kept, mosquitto asks whether its writer might still write it. After a new start that
+// may be anything that a bridge has ever written.
+TEST_F(broker_plugin, does_not_count_the_groups_of_what_the_broker_has_kept)
+{
+	load({"bridge up unit"});
+	mosquitto *bridge = host.client("up");
+	ASSERT_EQ(host.acl(bridge, MOSQ_ACL_SUBSCRIBE, {"movra/v1/ua/unit/+", "", false}), MOSQ_ERR_SUCCESS);
+	mosquitto *name_of_it = host.without_certificate("up");
+	name_of_it->protocol = 0;
+	name_of_it->address.clear();
+	for (int i = 0; i < 20; i++)
+		EXPECT_EQ(host.acl(name_of_it, MOSQ_ACL_WRITE, status("kept" + std::to_string(i), "unit")), MOSQ_ERR_SUCCESS);
+	EXPECT_EQ(host.publish(bridge, status("now", "unit")), MOSQ_ERR_SUCCESS);
 }
 
 TEST_F(broker_plugin, says_a_refusal_again_after_a_minute_whatever_becomes_of_the_wall_clock)

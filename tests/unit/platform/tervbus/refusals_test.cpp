@@ -11,7 +11,7 @@ class refusals : public testing::Test
 protected:
 	std::string told(const access_node &who, const access_wish &wish, time_t now)
 	{
-		EXPECT_FALSE(access_allowed(policy, who, wish.kind, wish.topic, wish.retained)) << wish.topic;
+		EXPECT_FALSE(access_allowed(policy, who, wish)) << wish.topic;
 		return refusal_line(&log, who.unit, wish, refusal_cause(policy, who, wish), now);
 	}
 
@@ -29,6 +29,7 @@ constexpr const char *no_topic = "that is no topic of the bus";
 constexpr const char *other_unit = "the bridge does not speak for that unit";
 constexpr const char *other_sender = "the sender in the topic is another node";
 constexpr const char *other_group = "that is the status of another group";
+constexpr const char *no_presence = "a status says on, off or nothing, and has no properties but its expiry";
 constexpr const char *kept = "an inbox keeps no retained messages";
 constexpr const char *not_its_own = "that is neither its own inbox nor a status of its group";
 constexpr const char *no_rule = "no rule allows it";
@@ -77,6 +78,11 @@ TEST_F(refusals, name_their_cause)
 			{node, {access_kind::write, "movra/v1/ua/target/other"}, other_sender},
 			{node, {access_kind::write, "movra/v1/status/vehicle/other", true}, other_sender},
 			{node, {access_kind::write, "movra/v1/status/other/node", true}, other_group},
+			{node, {access_kind::write, "movra/v1/status/other/node", true, "x"}, other_group},
+			{node, {access_kind::write, "movra/v1/status/vehicle/node", true, "x"}, no_presence},
+			{node, {access_kind::write, "movra/v1/status/vehicle/node", true, "on", true}, no_presence},
+			{bridge, {access_kind::write, "movra/v1/status/any/a", true, "x"}, no_presence},
+			{bridge, {access_kind::write, "movra/v1/status/any/c", true, "x"}, other_unit},
 			{node, {access_kind::write, "movra/v1/ua/target/node", true}, kept},
 			{node, {access_kind::subscribe, "movra/v1/ua/other/+"}, not_its_own},
 			{node, {access_kind::subscribe, "movra/v1/special/0/+"}, not_its_own},
@@ -88,7 +94,7 @@ TEST_F(refusals, name_their_cause)
 	};
 	for (const row &row : rows) {
 		SCOPED_TRACE(row.wish.topic);
-		EXPECT_FALSE(access_allowed(policy, row.who, row.wish.kind, row.wish.topic, row.wish.retained));
+		EXPECT_FALSE(access_allowed(policy, row.who, row.wish));
 		EXPECT_STREQ(refusal_cause(policy, row.who, row.wish), row.cause);
 	}
 }
