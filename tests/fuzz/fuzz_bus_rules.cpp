@@ -1,5 +1,5 @@
 // A rules file, a bridge's option, a node's names and a topic through the broker plugin's verdict. A file has to say
-// what its lines say one by one, and what holds whatever the rules say is asked again here, in other words.
+// what its lines say one by one (with the roles), and what holds whatever the rules say is asked again here, in other words.
 #include "access.h"
 
 #include "fuzz/fuzz_input.h"
@@ -35,7 +35,29 @@ std::string addressee(const std::string &topic)
 	return starts_with(topic, "movra/v1/special/") ? "DM-CLIENT" : last_level(front);
 }
 
-// What a file's lines say, each taken as a file of its own.
+std::string_view take_line(std::string_view *text)
+{
+	const size_t end = std::min(text->find('\n'), text->size());
+	const std::string_view line = text->substr(0, end);
+	text->remove_prefix(std::min(end + 1, text->size()));
+	return line;
+}
+
+// The lines that give a role to somebody: they count for all others.
+std::string role_lines(std::string_view text)
+{
+	std::string roles;
+	while (!text.empty()) {
+		const std::string_view line = take_line(&text);
+		send_rules one;
+		std::string why;
+		if (rules_parse(line, &one, &why) && !one.roles_of.empty())
+			roles.append(line).append("\n");
+	}
+	return roles;
+}
+
+// What a file's lines say, each taken as a file of its own with the roles.
 struct line_verdict {
 	bool all_understood = true;
 	bool one_allows = false;
@@ -43,16 +65,15 @@ struct line_verdict {
 
 line_verdict ask_lines(std::string_view text, const access_node &node, const std::string &to, bool to_group)
 {
+	const std::string roles = role_lines(text);
 	line_verdict verdict;
 	while (!text.empty()) {
-		const size_t end = std::min(text.find('\n'), text.size());
 		send_rules one;
 		std::string why;
-		if (!rules_parse(text.substr(0, end), &one, &why))
+		if (!rules_parse(roles + std::string(take_line(&text)), &one, &why))
 			verdict.all_understood = false;
 		else if (rules_allow(one, node.unit, node.group, to, to_group))
 			verdict.one_allows = true;
-		text.remove_prefix(std::min(end + 1, text.size()));
 	}
 	return verdict;
 }

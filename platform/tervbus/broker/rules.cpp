@@ -9,20 +9,23 @@
 #include <cerrno>
 #include <cstring>
 
+#include "rules_limit.h"
+
 namespace
 {
 
-constexpr size_t file_max = 16u << 20;
-constexpr const char *too_large = "more than 16777216 bytes: one rule with a glob can stand for those of many units";
-static_assert(file_max == 16777216);
+constexpr const char *too_large = "more than 16777216 bytes: a role or a glob can stand for many units";
+static_assert(rules_file_max == 16777216);
 constexpr std::string_view blanks = " \t\r";
 constexpr const char *glob_characters = "*?[";
 
+enum class named { unit, group, role };
+
 struct send_rule {
-	std::string sender; // a CN, or an OU when by_group
-	bool by_group = false;
-	std::string destination; // a glob on a CN, or on a group when to_group
-	bool to_group = false;
+	std::string sender;
+	named by = named::unit;
+	std::string destination; // a glob, but for a role
+	named to = named::unit;
 };
 
 // Takes the next word, or quoted text, off the line. False at its end and for a quote that is not closed.
@@ -47,13 +50,13 @@ bool take_word(std::string_view *line, std::string *word)
 	return !word->empty();
 }
 
-// "@name" is a group's, "name" is not.
-bool take_name(std::string_view *line, std::string *name, bool *is_group)
+// "@name" is a group's, "+name" a role's: a '+' stands in no unit's name.
+bool take_name(std::string_view *line, std::string *name, named *what)
 {
 	if (!take_word(line, name))
 		return false;
-	*is_group = name->front() == '@';
-	if (*is_group)
+	*what = name->front() == '@' ? named::group : name->front() == '+' ? named::role : named::unit;
+	if (*what != named::unit)
 		name->erase(0, 1);
 	return !name->empty();
 }
@@ -66,10 +69,12 @@ bool carries_a_rule(std::string_view line)
 
 void add(send_rules *rules, send_rule *rule)
 {
-	auto &senders = rule->by_group ? rules->groups : rules->units;
+	auto &senders = rule->by == named::group ? rules->groups : rule->by == named::role ? rules->roles : rules->units;
 	sender_rules &own = senders[std::move(rule->sender)];
-	reachable &to = rule->to_group ? own.groups : own.units;
-	if (rule->destination.find_first_of(glob_characters) == std::string::npos)
+	reachable &to = rule->to == named::group ? own.groups : own.units;
+	if (rule->to == named::role)
+		own.roles.insert(std::move(rule->destination));
+	else if (rule->destination.find_first_of(glob_characters) == std::string::npos)
 		to.names.insert(std::move(rule->destination));
 	else
 		to.globs.push_back(std::move(rule->destination));
@@ -78,9 +83,22 @@ void add(send_rules *rules, send_rule *rule)
 bool parse_allow(std::string_view *line, send_rules *rules)
 {
 	send_rule rule;
-	if (!take_name(line, &rule.sender, &rule.by_group) || !take_name(line, &rule.destination, &rule.to_group))
+	if (!take_name(line, &rule.sender, &rule.by) || !take_name(line, &rule.destination, &rule.to))
 		return false;
 	add(rules, &rule);
+	return true;
+}
+
+bool parse_role(std::string_view *line, send_rules *rules)
+{
+	std::string role;
+	std::string unit;
+	named of = named::unit;
+	named to = named::unit;
+	if (!take_name(line, &role, &of) || !take_name(line, &unit, &to) || of != named::unit || to != named::unit ||
+			unit.find_first_of(glob_characters) != std::string::npos)
+		return false;
+	rules->roles_of[std::move(unit)].insert(std::move(role));
 	return true;
 }
 
@@ -98,6 +116,7 @@ struct line_row {
 
 constexpr line_row line_table[] = {
 		{"allow", parse_allow},
+		{"role", parse_role},
 		{"bridge", parse_bridge},
 };
 
@@ -112,20 +131,52 @@ bool parse_line(std::string_view line, send_rules *rules)
 	return false;
 }
 
-bool reaches(const sender_rules &own, const std::string &destination, bool to_group)
+using role_set = std::set<std::string>;
+
+// Whom a message is for.
+struct addressee {
+	const std::string &name;
+	bool is_group = false;
+	const role_set &roles; // a group has none
+};
+
+const role_set &roles_of(const send_rules &rules, const std::string &unit)
 {
-	const reachable &to = to_group ? own.groups : own.units;
-	return to.names.contains(destination) ||
-			std::any_of(to.globs.begin(), to.globs.end(), [&destination](const std::string &glob) {
-				return fnmatch(glob.c_str(), destination.c_str(), FNM_NOESCAPE) == 0;
+	static const role_set none;
+	const auto found = rules.roles_of.find(unit);
+	return found != rules.roles_of.end() ? found->second : none;
+}
+
+addressee addressee_of(const send_rules &rules, const std::string &name, bool is_group)
+{
+	return {name, is_group, roles_of(rules, is_group ? std::string() : name)};
+}
+
+bool reaches(const sender_rules &own, const addressee &to)
+{
+	const reachable &among = to.is_group ? own.groups : own.units;
+	return among.names.contains(to.name) ||
+			std::any_of(to.roles.begin(), to.roles.end(),
+					[&own](const std::string &role) { return own.roles.contains(role); }) ||
+			std::any_of(among.globs.begin(), among.globs.end(), [&to](const std::string &glob) {
+				return fnmatch(glob.c_str(), to.name.c_str(), FNM_NOESCAPE) == 0;
 			});
 }
 
-bool reaches(const std::unordered_map<std::string, sender_rules> &senders, const std::string &sender,
-		const std::string &destination, bool to_group)
+bool reaches(
+		const std::unordered_map<std::string, sender_rules> &senders, const std::string &sender, const addressee &to)
 {
 	const auto own = senders.find(sender);
-	return own != senders.end() && reaches(own->second, destination, to_group);
+	return own != senders.end() && reaches(own->second, to);
+}
+
+// Under its own name or by a role of it.
+bool unit_reaches(const send_rules &rules, const std::string &unit, const addressee &to)
+{
+	const role_set &roles = roles_of(rules, unit);
+	return reaches(rules.units, unit, to) ||
+			std::any_of(roles.begin(), roles.end(),
+					[&rules, &to](const std::string &role) { return reaches(rules.roles, role, to); });
 }
 
 bool read_all(int fd, std::string *text)
@@ -137,7 +188,7 @@ bool read_all(int fd, std::string *text)
 			return false;
 		if (count == 0)
 			return true;
-		if (text->size() + static_cast<size_t>(count) > file_max) {
+		if (text->size() + static_cast<size_t>(count) > rules_file_max) {
 			errno = EFBIG;
 			return false;
 		}
@@ -194,7 +245,7 @@ bool rules_parse(std::string_view text, send_rules *rules, std::string *why)
 
 		if (!parse_line(line, &parsed)) {
 			*why = "line " + std::to_string(number) +
-					" is not: allow <sender> <destination>, or: bridge <name> <unit>,<unit>...";
+					" is not: allow <sender> <destination>, or: role <role> <unit>, or: bridge <name> <unit>,<unit>...";
 			return false;
 		}
 	}
@@ -218,13 +269,14 @@ bool rules_load(const char *path, send_rules *rules, std::string *why)
 bool rules_allow(const send_rules &rules, const std::string &unit, const std::string &group,
 		const std::string &destination, bool to_group)
 {
-	return reaches(rules.units, unit, destination, to_group) || reaches(rules.groups, group, destination, to_group);
+	const addressee to = addressee_of(rules, destination, to_group);
+	return unit_reaches(rules, unit, to) || reaches(rules.groups, group, to);
 }
 
 bool rules_may_come(const send_rules &rules, const std::string &unit, const std::string &destination, bool to_group)
 {
-	return reaches(rules.units, unit, destination, to_group) ||
-			std::any_of(rules.groups.begin(), rules.groups.end(), [&destination, to_group](const auto &group) {
-				return reaches(group.second, destination, to_group);
-			});
+	const addressee to = addressee_of(rules, destination, to_group);
+	return unit_reaches(rules, unit, to) ||
+			std::any_of(rules.groups.begin(), rules.groups.end(),
+					[&to](const auto &group) { return reaches(group.second, to); });
 }

@@ -98,10 +98,51 @@ TEST(send_rules, take_names_with_blanks_in_quotes)
 	EXPECT_FALSE(rules_allow(rules, "x", "Fleet", "Unit 7", false));
 }
 
+TEST(send_rules, give_a_role_to_each_unit_that_has_a_line_for_it)
+{
+	const send_rules rules = parsed("allow +boss +worker\nrole boss b1\nrole boss \"b 2\"\nrole worker w1\n"
+									"role worker w2\nrole worker w2\nallow w2 +boss\nallow +boss @hall*\n"
+									"allow @office +worker\nallow +idle *\n");
+	const struct {
+		const char *unit;
+		const char *group;
+		const char *destination;
+		bool to_group;
+		bool allowed;
+	} rows[] = {
+			{"b1", "", "w1", false, true},
+			{"b 2", "", "w2", false, true},
+			{"b1", "", "b1", false, false},
+			{"w1", "", "b1", false, false}, // one way only
+			{"w1", "", "w2", false, false},
+			{"w2", "", "b 2", false, true},
+			{"b1", "", "hall7", true, true},
+			{"b1", "", "hall7", false, false},
+			{"w1", "", "hall7", true, false},
+			{"x", "office", "w1", false, true},
+			{"x", "office", "b1", false, false},
+			{"boss", "", "w1", false, false}, // the role's name is nobody's
+			{"x", "boss", "w1", false, false},
+			{"b1", "", "worker", false, false},
+			{"b1", "", "w1", true, false},
+			{"+boss", "", "w1", false, false},
+			{"b", "", "w1", false, false},
+			{"idle", "", "w1", false, false}, // nobody has it
+			{"", "", "w1", false, false},
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(testing::Message() << row.unit << " of " << row.group << " to " << row.destination);
+		EXPECT_EQ(rules_allow(rules, row.unit, row.group, row.destination, row.to_group), row.allowed);
+	}
+	EXPECT_TRUE(rules_may_come(rules, "b1", "w1", false));
+	EXPECT_FALSE(rules_may_come(rules, "w1", "b1", false));
+}
+
 TEST(send_rules, are_refused_whole_for_one_bad_line)
 {
 	for (const char *text : {"permit a b", "allow a", "allow a b c", "allow", "allow @ b", "allow a @", "allow \"a b",
-				 "allow \"\" b", "allow a b\ndeny c d"}) {
+				 "allow \"\" b", "allow a b\ndeny c d", "allow + b", "allow a +", "role", "role r", "role r a b",
+				 "role +r a", "role @r a", "role r +a", "role r @a", "role r a*", "role \"\" a"}) {
 		SCOPED_TRACE(text);
 		send_rules rules = parsed("allow before before");
 		std::string why;
@@ -132,7 +173,7 @@ TEST(send_rules, are_loaded_only_from_a_file_that_nobody_else_can_change)
 	unlink(path.c_str());
 	test_write_file(path, std::string((16 << 20) + 1, '#'));
 	EXPECT_FALSE(rules_load(path.c_str(), &rules, &why));
-	EXPECT_EQ(why, "more than 16777216 bytes: one rule with a glob can stand for those of many units");
+	EXPECT_EQ(why, "more than 16777216 bytes: a role or a glob can stand for many units");
 	unlink(path.c_str());
 	rmdir(folder);
 }
