@@ -5,6 +5,7 @@
 
 #include "authority.h"
 #include "broker_config.h"
+#include "host_port.h"
 #include "names.h"
 
 namespace
@@ -71,26 +72,6 @@ std::string lines(const std::vector<std::string> &names)
 bool write_open(const std::string &path, const std::string &text, std::string &error)
 {
 	return write_file(path, text, store_mode::open_to_readers, error);
-}
-
-// "<host>:<port>"; a host is whatever a name service or an IPv4 address may be.
-bool parse_address(const std::string &text, std::string &host, uint16_t &port)
-{
-	const size_t colon = text.rfind(':');
-	if (colon == std::string::npos || colon == 0 || text.size() - colon - 1 > 5)
-		return false;
-	unsigned long number = 0;
-	for (const char digit : text.substr(colon + 1)) {
-		if (digit < '0' || digit > '9')
-			return false;
-		number = number * 10 + static_cast<unsigned long>(digit - '0');
-	}
-	host = text.substr(0, colon);
-	for (const char byte : host)
-		if (static_cast<unsigned char>(byte) <= 0x20 || byte == ':' || byte == '/')
-			return false;
-	port = static_cast<uint16_t>(number);
-	return number >= 1 && number <= 65535;
 }
 
 // What the far end has given: the bridge's identity and its units.
@@ -214,8 +195,8 @@ bool pki_uplink(const std::string &directory, const uplink_options &options, std
 	folder_lock lock;
 	bridge_files bridge;
 	uplink_settings settings;
-	if (!parse_address(options.to, settings.host, settings.port)) {
-		error = "\"" + options.to + "\" is not HOST:PORT";
+	if (!parse_host_port(options.to, settings.host, settings.port)) {
+		error = "--to \"" + options.to + "\" is not HOST:PORT, as in bus.example:8883 or [2001:db8::7]:8883";
 		return false;
 	}
 	if (!lock_folder(absolute, lock, error) || !broker_takes_bridges(absolute, error) ||

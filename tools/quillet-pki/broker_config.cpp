@@ -99,6 +99,7 @@ static std::string uplink_topics(const uplink_settings &settings)
 std::string uplink_configuration(const uplink_settings &settings)
 {
 	std::string text = "# Written by quillet-pki: a bridge to another broker.\nconnection " + settings.name + "\n";
+	// mosquitto cuts at the last colon: an IPv6 address stands here without brackets.
 	text += "address " + settings.host + ":" + std::to_string(settings.port) + "\n";
 	text += "# Anything older strips ids and expiry from the messages.\n"
 			"bridge_protocol_version mqttv50\n";

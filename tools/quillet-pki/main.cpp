@@ -80,7 +80,7 @@ static CLI::App *add_uplink(CLI::App &app, uplink_options &options)
 	command->add_option(
 				   "folder", options.folder, "The bridge's folder, as the other broker's quillet-pki bridge made it")
 			->required();
-	command->add_option("--to", options.to, "HOST:PORT of the other broker")->required();
+	command->add_option("--to", options.to, "HOST:PORT of the other broker, an IPv6 address in brackets")->required();
 	command->add_option("--peers", options.peers, "The nodes there that the units work for, with commas between")
 			->required()
 			->delimiter(',');

@@ -86,6 +86,26 @@ TEST_F(pki_bridges, an_uplink_without_quillet_uplink_goes_to_the_far_broker_by_t
 	EXPECT_THAT(out.str(), Not(HasSubstr("quillet-uplink")));
 }
 
+TEST_F(pki_bridges, an_uplink_may_go_to_an_ipv6_address_in_brackets)
+{
+	ASSERT_TRUE(bridge("CAR-7", {"AGENT-1"})) << error;
+	uplink_options options;
+	options.folder = fleet + "/CAR-7";
+	options.to = "[2001:db8::1]:8883";
+	options.peers = {"TESTER-1"};
+	at(vehicle);
+
+	ASSERT_TRUE(pki_uplink(vehicle, options, out, error)) << error;
+	EXPECT_THAT(out.str(), HasSubstr(" --to [2001:db8::1]:8883 "));
+	EXPECT_THAT(text("broker/bridges/CAR-7.conf"), HasSubstr("\naddress 127.0.0.1:9134\n"));
+
+	options.direct = true;
+	options.force = true;
+	ASSERT_TRUE(pki_uplink(vehicle, options, out, error)) << error;
+	// mosquitto cuts at the last colon and takes what is before it as it is.
+	EXPECT_THAT(text("broker/bridges/CAR-7.conf"), HasSubstr("\naddress 2001:db8::1:8883\n"));
+}
+
 TEST_F(pki_bridges, are_kept_unless_told_otherwise)
 {
 	ASSERT_TRUE(bridge("CAR-7", {"AGENT-1"}) && uplink({"TESTER-1"})) << error;
@@ -173,6 +193,8 @@ TEST_F(pki_bridges, say_why_an_uplink_cannot_be_made)
 			{"bus.example:65536", {"P"}, "is not HOST:PORT"},
 			{"bus.example:1x", {"P"}, "is not HOST:PORT"},
 			{"a\nuser root:1", {"P"}, "is not HOST:PORT"},
+			{"2001:db8::1:8883", {"P"}, "is not HOST:PORT, as in bus.example:8883 or ["},
+			{"[2001:db8::1]", {"P"}, "is not HOST:PORT"},
 			{"bus.example:1", {}, "--peers"},
 			{"bus.example:1", {"P#"}, "'#'"},
 			{"bus.example:1", {"AGENT-1"}, "is a unit of this side"},
