@@ -33,8 +33,9 @@ std::string broker_configuration(const broker_settings &settings)
 			"/data/\n"
 			"autosave_on_changes true\n"
 			"autosave_interval 1\n"
-			"# For each node that is away; above it the broker drops without a word.\n"
+			"# For each node that is away or slow: what is above either is dropped, and only the log says so.\n"
 			"max_queued_messages 10000\n"
+			"max_queued_bytes 67108864\n"
 			"message_size_limit 16777216\n"
 			"log_dest file " +
 			folder +

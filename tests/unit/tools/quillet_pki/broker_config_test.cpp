@@ -60,7 +60,7 @@ TEST(broker_configuration, has_every_setting_that_the_bus_relies_on)
 {
 	for (const char *line : {"per_listener_settings false", "user someone", "set_tcp_nodelay true", "persistence true",
 				 "persistence_location /pki/broker/data/", "autosave_on_changes true", "autosave_interval 1",
-				 "max_queued_messages 10000", "message_size_limit 16777216",
+				 "max_queued_messages 10000", "max_queued_bytes 67108864", "message_size_limit 16777216",
 				 "log_dest file /pki/broker/data/broker.log", "listener 19133 127.0.0.1", "allow_anonymous false",
 				 "allow_zero_length_clientid false", "cafile /pki/ca/ca.pem", "crlfile /pki/ca/crl.pem",
 				 "certfile /pki/broker/cert.pem", "keyfile /pki/broker/private.pem", "tls_version tlsv1.2",
