@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "broker_config.h"
+#include "rules_limit.h"
 
 std::string ca_key_path(const std::string &directory)
 {
@@ -40,7 +41,7 @@ bool store_ca(const std::string &directory, const identity &ca, std::string &err
 	std::error_code failure;
 	std::filesystem::remove_all(issued_folder(directory), failure);
 	std::filesystem::remove(revocation_path(directory), failure);
-	return add_revocations(directory, ca, {}, error);
+	return store_empty_revocations(directory, ca, error);
 }
 
 bool load_ca(const std::string &directory, identity &ca, std::string &error)
@@ -76,8 +77,10 @@ bool load_revocations(const std::string &directory, revocation_list &list, std::
 	if (!file_exists(path))
 		return true;
 	std::string text;
-	if (!read_file(path, text, error))
+	if (!read_file(path, text, error, largest_revocation_list)) {
+		error += "; put the list back from a copy, or begin an empty one with a new CA: init --force";
 		return false;
+	}
 	if (!parse_revocations(text, list, error)) {
 		error = path + ": " + error + "; put the list back from a copy, or the revoked certificates are good again";
 		return false;
@@ -85,14 +88,31 @@ bool load_revocations(const std::string &directory, revocation_list &list, std::
 	return true;
 }
 
-bool add_revocations(
-		const std::string &directory, const identity &ca, const std::vector<X509 *> &certificates, std::string &error)
+bool revocations_text(const revocation_list &list, std::string &text, std::string &error, size_t largest)
 {
-	revocation_list before;
-	revocation_list after;
-	return load_revocations(directory, before, error) &&
-			make_revocations(ca, before.get(), certificates, after, error) &&
-			write_file(revocation_path(directory), revocations_pem(after), store_mode::open_to_readers, error);
+	std::string written = revocations_pem(list);
+	if (written.empty())
+		error = "the list of revoked certificates could not be written as PEM";
+	else if (written.size() > largest)
+		error = "the list of revoked certificates would be larger than the " + mebibytes(largest) +
+				" that can be read again, so nothing is revoked; make a new CA, whose list is empty: init --force";
+	if (written.empty() || written.size() > largest)
+		return false;
+	text = std::move(written);
+	return true;
+}
+
+bool store_revocations(const std::string &directory, const std::string &text, std::string &error)
+{
+	return write_file(revocation_path(directory), text, store_mode::open_to_readers, error);
+}
+
+bool store_empty_revocations(const std::string &directory, const identity &ca, std::string &error)
+{
+	revocation_list list;
+	std::string text;
+	return make_revocations(ca, nullptr, {}, list, error) && revocations_text(list, text, error) &&
+			store_revocations(directory, text, error);
 }
 
 bool store_identity(const std::string &directory, const std::string &folder, const identity &made, std::string &error)
@@ -124,11 +144,9 @@ bool load_certificate(const std::string &path, identity &held, std::string &erro
 }
 
 // A certificate that cannot be read counts as good.
-static bool list_good_nodes(const std::string &directory, std::vector<stored_node> &nodes, std::string &error)
+static std::vector<stored_node> list_good_nodes(const std::string &directory, const revocation_list &revoked)
 {
-	revocation_list revoked;
-	if (!load_revocations(directory, revoked, error))
-		return false;
+	std::vector<stored_node> nodes;
 	for (const stored_node &node : list_nodes(directory)) {
 		identity held;
 		std::string unreadable;
@@ -137,21 +155,57 @@ static bool list_good_nodes(const std::string &directory, std::vector<stored_nod
 			continue;
 		nodes.push_back(node);
 	}
+	return nodes;
+}
+
+static void put_among(std::vector<stored_node> &nodes, const stored_node &made)
+{
+	const auto behind = [](const stored_node &node, const std::string &name) {
+		return node.name < name;
+	};
+	const auto place = std::lower_bound(nodes.begin(), nodes.end(), made.name, behind);
+	if (place != nodes.end() && place->name == made.name)
+		*place = made;
+	else
+		nodes.insert(place, made);
+}
+
+bool make_rules(const std::string &directory, const revocation_list &revoked, const stored_node *made,
+		std::string &rules, std::string &error)
+{
+	std::vector<stored_node> nodes = list_good_nodes(directory, revoked);
+	if (made != nullptr)
+		put_among(nodes, *made);
+	std::string text = broker_rules(nodes);
+	if (text.size() > rules_file_max) {
+		error = "the broker's rules would take " + std::to_string(text.size()) +
+				" bytes, and the broker's plugin reads at most " + mebibytes(rules_file_max) +
+				"; nothing is changed. Take nodes that are gone out of " + directory +
+				", give some to another broker, or write rules of your own with globs (plugin_opt_rules) and remove " +
+				rules_path(directory);
+		return false;
+	}
+	rules = std::move(text);
 	return true;
 }
 
-bool write_rules(const std::string &directory, std::string &error)
+bool write_rules(const std::string &directory, const std::string &rules, std::string &error)
 {
-	std::vector<stored_node> nodes;
-	return list_good_nodes(directory, nodes, error) &&
-			write_file(rules_path(directory), broker_rules(nodes), store_mode::open_to_readers, error);
+	return write_file(rules_path(directory), rules, store_mode::open_to_readers, error);
 }
 
-bool refresh_rules(const std::string &directory, std::ostream &out, std::string &error)
+bool prepare_rules(const std::string &directory, const revocation_list &revoked, const stored_node *made,
+		std::string &rules, std::string &error)
 {
-	if (!file_exists(rules_path(directory)))
+	rules.clear();
+	return !file_exists(rules_path(directory)) || make_rules(directory, revoked, made, rules, error);
+}
+
+bool refresh_rules(const std::string &directory, const std::string &rules, std::ostream &out, std::string &error)
+{
+	if (rules.empty())
 		return true;
-	if (!write_rules(directory, error))
+	if (!write_rules(directory, rules, error))
 		return false;
 	out << "The broker's rules are written anew: " << rules_path(directory)
 		<< " (a running broker reads them within seconds)\n";

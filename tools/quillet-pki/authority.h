@@ -23,12 +23,21 @@ std::string revocation_path(const std::string &directory);
 bool store_ca(const std::string &directory, const identity &ca, std::string &error);
 bool load_ca(const std::string &directory, identity &ca, std::string &error);
 
+// A certificate takes about 48 bytes of it: room for 1.4 million. Those that have run out stay on it, so that a node once
+// revoked is not good again for the rules and for a renewal, nor at a broker whose clock is late.
+constexpr size_t largest_revocation_list = 64u << 20;
+
 // The list as it is; an empty one when there is no file yet.
 bool load_revocations(const std::string &directory, revocation_list &list, std::string &error);
 
-// Signs the list anew with these certificates on it too, also when there are none.
-bool add_revocations(
-		const std::string &directory, const identity &ca, const std::vector<X509 *> &certificates, std::string &error);
+// The list as it is written; none that load_revocations would not read again.
+bool revocations_text(
+		const revocation_list &list, std::string &text, std::string &error, size_t largest = largest_revocation_list);
+
+bool store_revocations(const std::string &directory, const std::string &text, std::string &error);
+
+// A list with nobody on it, in the place of what there was.
+bool store_empty_revocations(const std::string &directory, const identity &ca, std::string &error);
 
 // Writes key and certificate, the key for its owner's eyes only, and keeps a copy of the certificate with the CA.
 bool store_identity(const std::string &directory, const std::string &folder, const identity &made, std::string &error);
@@ -42,11 +51,18 @@ bool refuse_overwriting(const std::string &path, bool force, const std::string &
 // The same for the certificate and for the key of the identity in this folder.
 bool refuse_overwriting_identity(const std::string &folder, bool force, const std::string &loss, std::string &error);
 
-// Writes the broker's rules: for the nodes whose certificate is not revoked.
-bool write_rules(const std::string &directory, std::string &error);
+// The broker's rules, for the nodes whose certificate is not on the list and for one that is about to be made (NULL for
+// none). Asked for before anything is written: false when the broker's plugin would not read so much.
+bool make_rules(const std::string &directory, const revocation_list &revoked, const stored_node *made,
+		std::string &rules, std::string &error);
 
-// The same where there is a broker, and says so.
-bool refresh_rules(const std::string &directory, std::ostream &out, std::string &error);
+bool write_rules(const std::string &directory, const std::string &rules, std::string &error);
+
+// The same two where there is a broker; without one the rules are empty and nothing is written. The second says what it
+// does.
+bool prepare_rules(const std::string &directory, const revocation_list &revoked, const stored_node *made,
+		std::string &rules, std::string &error);
+bool refresh_rules(const std::string &directory, const std::string &rules, std::ostream &out, std::string &error);
 
 // Says behind which bridge a name is already; empty for none.
 std::string bridge_side_of(const std::string &directory, const std::string &name);

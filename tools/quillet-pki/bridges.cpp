@@ -162,31 +162,34 @@ bool write_uplink(
 bool pki_bridge(const std::string &directory, const bridge_options &options, std::ostream &out, std::string &error)
 {
 	const std::string folder = directory + "/" + options.name;
+	const stored_node made = {options.name, "bridge", options.units};
 	folder_lock lock;
 	identity ca;
+	revocation_list revoked;
 	std::string trust;
+	std::string rules;
 	if (!lock_folder(directory, lock, error))
 		return false;
 	error = bridge_problem(directory, options);
 	if (!error.empty() ||
 			!refuse_overwriting_identity(folder, options.force, "its other end has to be given its new files", error) ||
 			!load_ca(directory, ca, error) || !read_file(ca_certificate_path(directory), trust, error) ||
-			!make_folder(folder, error))
+			!load_revocations(directory, revoked, error) || !prepare_rules(directory, revoked, &made, rules, error))
 		return false;
 	certificate_request request;
 	request.common_name = options.name;
 	request.start_days = options.validity.start_days;
 	request.days = options.validity.days;
 	identity bridge;
-	if (!make_identity(request, &ca, bridge, error) || !store_identity(directory, folder, bridge, error) ||
-			!write_open(folder + "/ca.pem", trust, error) ||
+	if (!make_identity(request, &ca, bridge, error) || !make_folder(folder, error) ||
+			!store_identity(directory, folder, bridge, error) || !write_open(folder + "/ca.pem", trust, error) ||
 			!write_open(folder + "/units", lines(options.units), error) ||
 			!write_open(folder + "/role", "bridge\n", error))
 		return false;
 	out << "bridge \"" << options.name << "\" made: " << folder << "\n"
 		<< "Take this folder to the broker of its units; there: quillet-pki --dir DIR uplink " << options.name
 		<< " --to HOST:PORT --peers NODE,NODE\n";
-	return refresh_rules(directory, out, error);
+	return refresh_rules(directory, rules, out, error);
 }
 
 bool pki_uplink(const std::string &directory, const uplink_options &options, std::ostream &out, std::string &error)
@@ -207,6 +210,11 @@ bool pki_uplink(const std::string &directory, const uplink_options &options, std
 	if (!error.empty() ||
 			!refuse_overwriting_identity(settings.folder, options.force, "the broker has to be started anew", error))
 		return false;
+	const stored_node made = {bridge.name, "uplink", bridge.units, options.peers};
+	revocation_list revoked;
+	std::string rules;
+	if (!load_revocations(absolute, revoked, error) || !prepare_rules(absolute, revoked, &made, rules, error))
+		return false;
 	settings.name = bridge.name;
 	settings.direct = options.direct;
 	settings.units = bridge.units;
@@ -222,5 +230,5 @@ bool pki_uplink(const std::string &directory, const uplink_options &options, std
 		out << "Start, as the broker's user: quillet-uplink --identity " << settings.folder << " --to " << options.to
 			<< " --port " << options.port << "\n";
 	out << "The broker opens the bridge from its next start.\n";
-	return refresh_rules(absolute, out, error);
+	return refresh_rules(absolute, rules, out, error);
 }

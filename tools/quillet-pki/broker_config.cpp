@@ -161,30 +161,37 @@ static void add_uplink(const stored_node &uplink, std::string &text)
 	allow_each(uplink.units, uplink.peers, text);
 }
 
+static std::string role_line(const char *role, const std::string &name)
+{
+	return std::string("role ") + role + " " + word(name) + "\n";
+}
+
+// Who is what, and who is behind which bridge: a line or two for each node.
+static void add_roles(const std::vector<stored_node> &nodes, std::string &text)
+{
+	for (const stored_node &node : nodes) {
+		if (node.role == "agent")
+			text += role_line("agent", node.name);
+		if (node.role == "requester")
+			text += role_line("requester", node.name);
+		if (node.role != "bridge")
+			continue;
+		text += bridge_line(node.name, node.units);
+		for (const std::string &unit : node.units)
+			text += role_line("agent", unit);
+	}
+}
+
 std::string broker_rules(const std::vector<stored_node> &nodes)
 {
 	std::string text = "# Written by quillet-pki: who may send to whom. What is not allowed here is refused.\n"
 					   "# The broker reads this file when it starts and whenever it has changed.\n"
-					   "# quillet-pki writes it anew with each node: rules of your own belong in another file.\n";
-	std::vector<std::string> agents;
-	std::vector<std::string> requesters;
-	std::string bridges;
-	for (const stored_node &node : nodes) {
-		if (node.role == "agent")
-			agents.push_back(node.name);
-		if (node.role == "requester")
-			requesters.push_back(node.name);
-		if (node.role == "bridge") {
-			agents.insert(agents.end(), node.units.begin(), node.units.end());
-			bridges += bridge_line(node.name, node.units);
-		}
-	}
-	if (!bridges.empty())
-		text += "\n# Who is behind which bridge.\n" + bridges;
-	text += "\n# Requests.\n";
-	allow_each(requesters, agents, text);
-	text += "\n# Replies.\n";
-	allow_each(agents, requesters, text);
+					   "# quillet-pki writes it anew with each node: rules of your own belong in another file.\n"
+					   "\n# Requests and replies.\n"
+					   "allow +requester +agent\n"
+					   "allow +agent +requester\n"
+					   "\n# Who is what, and who is behind which bridge.\n";
+	add_roles(nodes, text);
 	for (const stored_node &node : nodes)
 		if (node.role == "uplink")
 			add_uplink(node, text);

@@ -68,9 +68,13 @@ bool pki_node(const std::string &directory, const node_options &options, std::os
 		return false;
 	}
 	const std::string folder = directory + "/" + options.name;
+	const stored_node made = {options.name, options.role};
 	identity ca;
+	revocation_list revoked;
+	std::string rules;
 	if (!refuse_overwriting_identity(folder, options.force, "the node has to be given its new files", error) ||
-			!load_ca(directory, ca, error) || !make_folder(folder, error))
+			!load_ca(directory, ca, error) || !load_revocations(directory, revoked, error) ||
+			!prepare_rules(directory, revoked, &made, rules, error))
 		return false;
 	certificate_request request;
 	request.kind = certificate_kind::node;
@@ -79,11 +83,12 @@ bool pki_node(const std::string &directory, const node_options &options, std::os
 	request.start_days = options.validity.start_days;
 	request.days = options.validity.days;
 	identity node;
-	if (!make_identity(request, &ca, node, error) || !store_identity(directory, folder, node, error) ||
+	if (!make_identity(request, &ca, node, error) || !make_folder(folder, error) ||
+			!store_identity(directory, folder, node, error) ||
 			!write_file(folder + "/role", options.role + "\n", store_mode::open_to_readers, error))
 		return false;
 	out << options.role << " \"" << options.name << "\" made: " << folder << "\n";
-	return refresh_rules(directory, out, error);
+	return refresh_rules(directory, rules, out, error);
 }
 
 static std::string own_user()
@@ -154,8 +159,8 @@ static bool check_broker_options(const broker_options &options, std::string &err
 	return true;
 }
 
-static bool write_broker_files(
-		const std::string &directory, const broker_options &options, const identity &broker, std::string &error)
+static bool write_broker_files(const std::string &directory, const broker_options &options, const identity &broker,
+		const std::string &rules, std::string &error)
 {
 	broker_settings settings;
 	settings.directory = directory;
@@ -165,7 +170,7 @@ static bool write_broker_files(
 	settings.user = options.user.empty() ? own_user() : options.user;
 	const std::string folder = broker_folder(directory);
 	if (!make_folder(folder + "/data", error) || !make_folder(bridges_folder(directory), error) ||
-			!store_identity(directory, folder, broker, error) || !write_rules(directory, error) ||
+			!store_identity(directory, folder, broker, error) || !write_rules(directory, rules, error) ||
 			!write_file(folder + "/mosquitto.conf", broker_configuration(settings), store_mode::open_to_readers, error))
 		return false;
 	return options.user.empty() || give_to_user(folder, options.user, error);
@@ -174,7 +179,7 @@ static bool write_broker_files(
 // A folder from before there were lists gets its empty one: the broker does not start without.
 static bool make_up_revocations(const std::string &directory, const identity &ca, std::string &error)
 {
-	return file_exists(revocation_path(directory)) || add_revocations(directory, ca, {}, error);
+	return file_exists(revocation_path(directory)) || store_empty_revocations(directory, ca, error);
 }
 
 bool pki_broker(const std::string &directory, const broker_options &options, std::ostream &out, std::string &error)
@@ -184,11 +189,14 @@ bool pki_broker(const std::string &directory, const broker_options &options, std
 	const std::string loss = "the broker has to be started anew";
 	folder_lock lock;
 	identity ca;
+	revocation_list revoked;
+	std::string rules;
 	if (!check_lines({absolute, options.plugin, options.listen, options.user}, error) ||
 			!check_broker_options(options, error) || !lock_folder(absolute, lock, error) ||
 			!refuse_overwriting(configuration, options.force, loss, error) ||
 			!refuse_overwriting_identity(broker_folder(absolute), options.force, loss, error) ||
-			!load_ca(absolute, ca, error))
+			!load_ca(absolute, ca, error) || !load_revocations(absolute, revoked, error) ||
+			!make_rules(absolute, revoked, nullptr, rules, error))
 		return false;
 	certificate_request request;
 	request.kind = certificate_kind::broker;
@@ -199,7 +207,7 @@ bool pki_broker(const std::string &directory, const broker_options &options, std
 	request.days = options.validity.days;
 	identity broker;
 	if (!make_identity(request, &ca, broker, error) || !make_up_revocations(absolute, ca, error) ||
-			!write_broker_files(absolute, options, broker, error))
+			!write_broker_files(absolute, options, broker, rules, error))
 		return false;
 	out << "broker made; start it with: mosquitto -c " << configuration << "\n"
 		<< "It logs to " << broker_folder(absolute) << "/data/broker.log.\n";

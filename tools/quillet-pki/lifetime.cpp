@@ -195,12 +195,18 @@ bool pki_revoke(const std::string &directory, const revoke_options &options, std
 							   : "\"" + options.name + "\" has no certificate left to revoke";
 		return false;
 	}
-	if (!add_revocations(directory, ca, good, error))
+	// Out of the rules first: after a failure of the list the same command may be given again.
+	revocation_list after;
+	std::string list;
+	std::string rules;
+	if (!make_revocations(ca, revoked.get(), good, after, error) || !revocations_text(after, list, error) ||
+			!prepare_rules(directory, after, nullptr, rules, error) || !refresh_rules(directory, rules, out, error) ||
+			!store_revocations(directory, list, error))
 		return false;
 	out << options.name << ": revoked " << good.size() << (good.size() == 1 ? " certificate" : " certificates") << ": "
 		<< revocation_path(directory) << "\n"
 		<< "A broker reads this list when it starts: start it anew. SIGHUP is no way to do it (see docs/fleet.md).\n";
-	return refresh_rules(directory, out, error);
+	return true;
 }
 
 bool pki_show(const std::string &directory, std::ostream &out, std::string &error)

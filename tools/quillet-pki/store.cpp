@@ -14,8 +14,6 @@
 
 namespace fs = std::filesystem;
 
-static constexpr size_t largest_file = 1024 * 1024;
-
 static std::string cause()
 {
 	return std::strerror(errno);
@@ -60,7 +58,12 @@ bool make_folder(const std::string &path, std::string &error)
 	return true;
 }
 
-bool read_file(const std::string &path, std::string &text, std::string &error)
+std::string mebibytes(size_t bytes)
+{
+	return std::to_string(bytes >> 20) + " MiB";
+}
+
+bool read_file(const std::string &path, std::string &text, std::string &error, size_t largest)
 {
 	int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
 	if (descriptor < 0) {
@@ -70,9 +73,11 @@ bool read_file(const std::string &path, std::string &text, std::string &error)
 	std::string read_text;
 	char block[4096];
 	ssize_t count = 0;
-	while ((count = read(descriptor, block, sizeof(block))) > 0 && read_text.size() <= largest_file)
+	while ((count = read(descriptor, block, sizeof(block))) > 0 && read_text.size() <= largest)
 		read_text.append(block, static_cast<size_t>(count));
-	std::string failure = count < 0 ? cause() : read_text.size() > largest_file ? "it is larger than 1 MiB" : "";
+	std::string failure = count < 0      ? cause()
+			: read_text.size() > largest ? "it is larger than " + mebibytes(largest)
+										 : "";
 	close(descriptor);
 	if (!failure.empty()) {
 		error = path + " cannot be read: " + failure;

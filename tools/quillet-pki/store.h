@@ -1,6 +1,7 @@
 // The folder of identities: <dir>/ca, <dir>/broker and one folder for each node, as the programs read them.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,13 @@ bool lock_folder(const std::string &directory, folder_lock &lock, std::string &e
 // false, with the cause in error.
 bool make_folder(const std::string &path, std::string &error);
 
-// Reads a whole file of at most 1 MiB. On failure false, with the cause in error.
-bool read_file(const std::string &path, std::string &text, std::string &error);
+constexpr size_t largest_file = 1u << 20; // of those that have no limit of their own
+
+// Reads a whole file of at most this many bytes. On failure false, with the cause in error.
+bool read_file(const std::string &path, std::string &text, std::string &error, size_t largest = largest_file);
+
+// "16 MiB", rounded down.
+std::string mebibytes(size_t bytes);
 
 // The lines of a file; none when it cannot be read.
 std::vector<std::string> read_lines(const std::string &path);

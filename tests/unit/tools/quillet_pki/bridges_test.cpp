@@ -1,5 +1,9 @@
 #include "pki_fixture.h"
 
+#include <functional>
+
+#include "rules_limit.h"
+
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 using testing::Not;
@@ -49,7 +53,7 @@ TEST_F(pki_bridges, a_bridge_is_an_identity_with_all_that_its_other_end_needs)
 	EXPECT_EQ(text("CAR-7/ca.pem"), text("ca/ca.pem"));
 	EXPECT_EQ(text("CAR-7/units"), "AGENT-1\nAGENT-2\n");
 	EXPECT_THAT(text("broker/rules"), HasSubstr("bridge CAR-7 AGENT-1,AGENT-2\n"));
-	EXPECT_THAT(text("broker/rules"), HasSubstr("allow TESTER-1 AGENT-2\n"));
+	EXPECT_TRUE(lets("TESTER-1", "AGENT-2"));
 }
 
 TEST_F(pki_bridges, an_uplink_is_the_same_identity_with_the_bridges_configuration)
@@ -243,6 +247,56 @@ TEST_F(pki_bridges, no_node_takes_the_name_of_one_behind_a_bridge)
 	at(fleet);
 	EXPECT_FALSE(node("AGENT-1"));
 	EXPECT_THAT(error, HasSubstr("behind the bridge \"CAR-7\""));
+}
+
+// A bridge's folder as it would be with this many units, too many to be made one by one.
+static void add_units(const std::string &folder, int count)
+{
+	fs::create_directory(folder);
+	std::ofstream(folder + "/role") << "bridge\n";
+	std::ofstream units(folder + "/units");
+	for (int i = 0; i < count; i++)
+		units << fs::path(folder).filename().string() << "-" << std::string(50, 'u') << i << "\n";
+}
+
+TEST_F(pki_bridges, rules_above_what_the_plugin_reads_are_refused_before_anything_is_made)
+{
+	for (const char *name : {"B1", "B2", "B3", "B4", "B5", "B6", "B7", "B8", "B9"})
+		add_units(fleet + "/" + name, 16000);
+	const std::string rules = text("broker/rules");
+	const std::string certificate = text("broker/cert.pem");
+	const struct {
+		const char *name;
+		std::function<bool()> make;
+	} rows[] = {
+			{"AGENT-9",
+					[this] {
+						return node("AGENT-9");
+					}},
+			{"CAR-7",
+					[this] {
+						return bridge("CAR-7", {"UNIT-1"});
+					}},
+			{"broker",
+					[this] {
+						return broker(true);
+					}},
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(row.name);
+		EXPECT_FALSE(row.make());
+		EXPECT_THAT(error, HasSubstr("the broker's plugin reads at most 16 MiB"));
+		EXPECT_THAT(error, HasSubstr("plugin_opt_rules"));
+	}
+	EXPECT_FALSE(fs::exists(fleet + "/AGENT-9"));
+	EXPECT_FALSE(fs::exists(fleet + "/CAR-7"));
+	EXPECT_EQ(text("broker/rules"), rules);
+	EXPECT_EQ(text("broker/cert.pem"), certificate);
+
+	for (const char *name : {"B7", "B8", "B9"})
+		fs::remove_all(fleet + "/" + name);
+	EXPECT_TRUE(node("AGENT-9")) << error;
+	EXPECT_GT(text("broker/rules", rules_file_max).size(), 8u << 20);
 }
 
 TEST_F(pki_bridges, a_revoked_bridge_and_its_units_are_out_of_the_rules)

@@ -41,7 +41,7 @@ TEST_F(pki_commands, revoke_a_node_and_take_it_out_of_the_rules)
 	EXPECT_TRUE(revoked("AGENT-1/cert.pem"));
 	EXPECT_FALSE(revoked("AGENT-2/cert.pem"));
 	EXPECT_THAT(text("broker/rules"), Not(HasSubstr("AGENT-1")));
-	EXPECT_THAT(text("broker/rules"), HasSubstr("allow T AGENT-2\n"));
+	EXPECT_TRUE(lets("T", "AGENT-2"));
 	EXPECT_THAT(out.str(), HasSubstr("start it anew"));
 }
 
@@ -73,7 +73,7 @@ TEST_F(pki_commands, take_a_revoked_node_back_in_when_it_is_made_anew)
 	ASSERT_TRUE(node("AGENT-1", "agent", true)) << error;
 
 	EXPECT_FALSE(revoked("AGENT-1/cert.pem"));
-	EXPECT_THAT(text("broker/rules"), HasSubstr("allow T AGENT-1\n"));
+	EXPECT_TRUE(lets("T", "AGENT-1"));
 }
 
 TEST_F(pki_commands, start_with_nothing_revoked_under_a_new_ca)
@@ -119,6 +119,90 @@ TEST_F(pki_commands, say_that_the_list_of_revoked_certificates_is_broken)
 
 	EXPECT_THAT(error, HasSubstr("/ca/crl.pem: not a list"));
 	EXPECT_THAT(text("ca/crl.pem"), "nonsense");
+}
+
+// Puts a list in place on which this many more certificates stand, as a CA of many years has one.
+static void lengthen_list(const std::string &directory, int count)
+{
+	identity ca;
+	std::string error;
+	revocation_list list;
+	ASSERT_TRUE(load_ca(directory, ca, error) && load_revocations(directory, list, error)) << error;
+	ASN1_TIME *now = X509_gmtime_adj(nullptr, 0);
+	for (int i = 0; i < count; i++) {
+		X509_REVOKED *entry = X509_REVOKED_new();
+		ASN1_INTEGER *serial = ASN1_INTEGER_new();
+		ASSERT_EQ(ASN1_INTEGER_set_uint64(serial, 0x4000000000000000u + static_cast<uint64_t>(i)), 1);
+		ASSERT_EQ(X509_REVOKED_set_serialNumber(entry, serial), 1);
+		ASSERT_EQ(X509_REVOKED_set_revocationDate(entry, now), 1);
+		ASSERT_EQ(X509_CRL_add0_revoked(list.get(), entry), 1);
+		ASN1_INTEGER_free(serial);
+	}
+	ASN1_TIME_free(now);
+	ASSERT_NE(X509_CRL_sign(list.get(), ca.key.get(), EVP_sha256()), 0);
+	std::ofstream(directory + "/ca/crl.pem", std::ios::trunc) << revocations_pem(list);
+}
+
+TEST_F(pki_commands, revoke_and_make_nodes_whatever_the_length_of_the_list)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && node("T", "requester") && broker()) << error;
+	ASSERT_NO_FATAL_FAILURE(lengthen_list(directory, 40000));
+	ASSERT_GT(fs::file_size(directory + "/ca/crl.pem"), 1024u * 1024u);
+
+	EXPECT_TRUE(revoke("AGENT-1")) << error;
+	EXPECT_TRUE(node("AGENT-2")) << error;
+
+	EXPECT_TRUE(lets("T", "AGENT-2"));
+	EXPECT_FALSE(lets("T", "AGENT-1"));
+	std::ostringstream shown;
+	EXPECT_TRUE(pki_show(directory, shown, error)) << error;
+	EXPECT_THAT(shown.str(), HasSubstr("revoked    40001 in all\n"));
+}
+
+TEST_F(pki_commands, take_a_node_out_of_the_rules_before_it_is_on_the_list)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && node("T", "requester") && broker()) << error;
+	const std::string list = text("ca/crl.pem");
+	fs::create_directory(directory + "/ca/crl.pem.new"); // what is written comes by way of this name
+
+	EXPECT_FALSE(revoke("AGENT-1"));
+
+	EXPECT_THAT(error, HasSubstr("/ca/crl.pem"));
+	EXPECT_FALSE(lets("T", "AGENT-1"));
+	EXPECT_EQ(text("ca/crl.pem"), list);
+	fs::remove(directory + "/ca/crl.pem.new");
+	EXPECT_TRUE(revoke("AGENT-1")) << error;
+	EXPECT_TRUE(revoked("AGENT-1/cert.pem"));
+}
+
+TEST_F(pki_commands, say_what_to_do_about_a_list_that_is_too_long_to_read)
+{
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	fs::resize_file(directory + "/ca/crl.pem", 65 * 1024 * 1024);
+
+	EXPECT_FALSE(revoke("AGENT-1"));
+
+	EXPECT_THAT(error, HasSubstr("larger than 64 MiB"));
+	EXPECT_THAT(error, HasSubstr("init --force"));
+}
+
+TEST_F(pki_commands, sign_no_list_that_could_not_be_read_again)
+{
+	identity ca;
+	identity held;
+	std::string list;
+	ASSERT_TRUE(init() && node("AGENT-1") && load_ca(directory, ca, error)) << error;
+	ASSERT_TRUE(load_certificate(directory + "/AGENT-1/cert.pem", held, error)) << error;
+	revocation_list before;
+	revocation_list after;
+	ASSERT_TRUE(load_revocations(directory, before, error)) << error;
+	ASSERT_TRUE(make_revocations(ca, before.get(), {held.certificate.get()}, after, error)) << error;
+	const size_t needed = revocations_pem(after).size();
+
+	EXPECT_TRUE(revocations_text(after, list, error, needed)) << error;
+	EXPECT_EQ(list.size(), needed);
+	EXPECT_FALSE(revocations_text(after, list, error, needed - 1));
+	EXPECT_THAT(error, HasSubstr("init --force"));
 }
 
 static certificate_facts facts_of(const std::string &pem)

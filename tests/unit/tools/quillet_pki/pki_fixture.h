@@ -11,8 +11,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "authority.h"
 #include "certificates.h"
 #include "revocations.h"
+#include "rules.h"
 #include "store.h"
 
 // A folder of its own for each test, gone afterwards.
@@ -86,14 +88,23 @@ protected:
 		identity held;
 		revocation_list list;
 		EXPECT_TRUE(parse_identity("", text(path), held, error)) << error;
-		EXPECT_TRUE(parse_revocations(text("ca/crl.pem"), list, error)) << error;
+		EXPECT_TRUE(load_revocations(directory, list, error)) << error;
 		return is_revoked(list, held.certificate.get());
 	}
 
-	std::string text(const std::string &path)
+	// Whether the broker's plugin takes the rules that are in place, and lets the one send to the other by them.
+	bool lets(const std::string &sender, const std::string &destination)
+	{
+		send_rules rules;
+		std::string why;
+		EXPECT_TRUE(rules_parse(text("broker/rules"), &rules, &why)) << why;
+		return rules_allow(rules, sender, "", destination, false);
+	}
+
+	std::string text(const std::string &path, size_t largest = 1024 * 1024)
 	{
 		std::string read;
-		EXPECT_TRUE(read_file(directory + "/" + path, read, error)) << error;
+		EXPECT_TRUE(read_file(directory + "/" + path, read, error, largest)) << error;
 		return read;
 	}
 
