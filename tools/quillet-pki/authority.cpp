@@ -212,6 +212,34 @@ bool refresh_rules(const std::string &directory, const std::string &rules, std::
 	return true;
 }
 
+std::string cut_short_text(const identity &made, int start_days, int days)
+{
+	const int missing = days_cut_off(made.certificate.get(), start_days, days);
+	if (missing < 1)
+		return "";
+	return "Its certificate ends with the CA, on " + describe_certificate(made.certificate.get()).not_after + ": " +
+			std::to_string(missing) + (missing == 1 ? " day" : " days") + " before the end asked for.\n";
+}
+
+std::string stay_good_text(const std::string &directory, const std::string &name)
+{
+	return "The certificates from before stay good until they end or are revoked; once the new one is in use: "
+		   "quillet-pki --dir " +
+			directory + " revoke " + name + " --old\n";
+}
+
+std::string replaced_text(
+		const std::string &directory, const std::string &name, const identity &ca, const revocation_list &revoked)
+{
+	identity held;
+	std::string unreadable;
+	if (!load_certificate(directory + "/" + name + "/cert.pem", held, unreadable) ||
+			X509_verify(held.certificate.get(), ca.key.get()) != 1 || is_revoked(revoked, held.certificate.get()) ||
+			describe_certificate(held.certificate.get()).expired)
+		return "";
+	return stay_good_text(directory, name);
+}
+
 bool refuse_overwriting(const std::string &path, bool force, const std::string &loss, std::string &error)
 {
 	if (force || !file_exists(path))

@@ -64,5 +64,15 @@ bool prepare_rules(const std::string &directory, const revocation_list &revoked,
 		std::string &rules, std::string &error);
 bool refresh_rules(const std::string &directory, const std::string &rules, std::ostream &out, std::string &error);
 
+// Tells the user that the certificate ends with its CA, when that is a day or more before the end asked for.
+std::string cut_short_text(const identity &made, int start_days, int days);
+
+// Tells the user that the certificates from before stay good, and how they are taken back.
+std::string stay_good_text(const std::string &directory, const std::string &name);
+
+// The same when the certificate in the node's folder, which is about to be replaced, is good; otherwise nothing.
+std::string replaced_text(
+		const std::string &directory, const std::string &name, const identity &ca, const revocation_list &revoked);
+
 // Says behind which bridge a name is already; empty for none.
 std::string bridge_side_of(const std::string &directory, const std::string &name);

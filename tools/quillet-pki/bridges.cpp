@@ -176,6 +176,7 @@ bool pki_bridge(const std::string &directory, const bridge_options &options, std
 			!load_ca(directory, ca, error) || !read_file(ca_certificate_path(directory), trust, error) ||
 			!load_revocations(directory, revoked, error) || !prepare_rules(directory, revoked, &made, rules, error))
 		return false;
+	const std::string replaced = replaced_text(directory, options.name, ca, revoked);
 	certificate_request request;
 	request.common_name = options.name;
 	request.start_days = options.validity.start_days;
@@ -188,7 +189,8 @@ bool pki_bridge(const std::string &directory, const bridge_options &options, std
 		return false;
 	out << "bridge \"" << options.name << "\" made: " << folder << "\n"
 		<< "Take this folder to the broker of its units; there: quillet-pki --dir DIR uplink " << options.name
-		<< " --to HOST:PORT --peers NODE,NODE\n";
+		<< " --to HOST:PORT --peers NODE,NODE\n"
+		<< cut_short_text(bridge, options.validity.start_days, options.validity.days) << replaced;
 	return refresh_rules(directory, rules, out, error);
 }
 

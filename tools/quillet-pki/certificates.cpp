@@ -18,6 +18,14 @@ struct bio_deleter {
 };
 using bio_pointer = std::unique_ptr<BIO, bio_deleter>;
 
+struct time_deleter {
+	void operator()(ASN1_TIME *time) const
+	{
+		ASN1_TIME_free(time);
+	}
+};
+using time_pointer = std::unique_ptr<ASN1_TIME, time_deleter>;
+
 struct extension_row {
 	int nid;
 	const char *value; // in OpenSSL's configuration syntax; NULL for an extension that this kind does not have
@@ -105,6 +113,14 @@ bool set_serial(X509 *certificate)
 	return set;
 }
 
+bool set_validity(const certificate_request &request, X509 *issuer, X509 *certificate)
+{
+	if (X509_time_adj_ex(X509_getm_notBefore(certificate), request.start_days, 0, nullptr) == nullptr ||
+			X509_time_adj_ex(X509_getm_notAfter(certificate), request.start_days + request.days, 0, nullptr) == nullptr)
+		return false;
+	return !ends_before(issuer, certificate) || X509_set1_notAfter(certificate, X509_get0_notAfter(issuer)) == 1;
+}
+
 bool fill_certificate(const certificate_request &request, const identity *issuer, identity &made)
 {
 	X509 *certificate = made.certificate.get();
@@ -113,9 +129,7 @@ bool fill_certificate(const certificate_request &request, const identity *issuer
 	X509_NAME *subject = X509_get_subject_name(certificate);
 
 	return X509_set_version(certificate, X509_VERSION_3) == 1 && set_serial(certificate) &&
-			X509_time_adj_ex(X509_getm_notBefore(certificate), request.start_days, 0, nullptr) != nullptr &&
-			X509_time_adj_ex(X509_getm_notAfter(certificate), request.start_days + request.days, 0, nullptr) !=
-			nullptr &&
+			set_validity(request, issuer_certificate, certificate) &&
 			X509_set_pubkey(certificate, made.key.get()) == 1 &&
 			add_name(subject, NID_commonName, request.common_name) &&
 			(request.group.empty() || add_name(subject, NID_organizationalUnitName, request.group)) &&
@@ -124,6 +138,12 @@ bool fill_certificate(const certificate_request &request, const identity *issuer
 			add_extension(certificate, issuer_certificate, NID_subject_key_identifier, "hash") &&
 			add_extension(certificate, issuer_certificate, NID_authority_key_identifier, "keyid") &&
 			X509_sign(certificate, issuer_key, EVP_sha256()) != 0;
+}
+
+bool begins_too_late(const certificate_request &request, X509 *issuer)
+{
+	const time_pointer begin(X509_time_adj_ex(nullptr, request.start_days, 0, nullptr));
+	return begin && ASN1_TIME_compare(begin.get(), X509_get0_notAfter(issuer)) >= 0;
 }
 
 std::string openssl_cause()
@@ -197,6 +217,11 @@ void describe_alternative_names(X509 *certificate, certificate_facts &facts)
 bool make_identity(const certificate_request &request, const identity *issuer, identity &made, std::string &error)
 {
 	identity fresh;
+	if (issuer != nullptr && begins_too_late(request, issuer->certificate.get())) {
+		error = "the certificate of \"" + request.common_name + "\" would begin when its CA has ended, on " +
+				describe_certificate(issuer->certificate.get()).not_after + "; give fewer --start-days";
+		return false;
+	}
 	if (made.key && EVP_PKEY_up_ref(made.key.get()) == 1)
 		fresh.key.reset(made.key.get());
 	else
@@ -266,6 +291,21 @@ certificate_facts describe_certificate(X509 *certificate)
 	if (bio && ASN1_TIME_print(bio.get(), X509_get0_notAfter(certificate)) == 1)
 		facts.not_after = bio_text(bio.get());
 	return facts;
+}
+
+int days_cut_off(X509 *certificate, int start_days, int days)
+{
+	const time_pointer wanted(X509_time_adj_ex(nullptr, start_days + days, 0, nullptr));
+	int missing = 0;
+	int seconds = 0;
+	if (!wanted || ASN1_TIME_diff(&missing, &seconds, X509_get0_notAfter(certificate), wanted.get()) != 1)
+		return 0;
+	return missing > 0 ? missing : 0;
+}
+
+bool ends_before(X509 *first, X509 *second)
+{
+	return ASN1_TIME_compare(X509_get0_notAfter(first), X509_get0_notAfter(second)) == -1;
 }
 
 std::string serial_text(X509 *certificate)

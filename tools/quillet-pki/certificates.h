@@ -49,7 +49,7 @@ struct certificate_request {
 };
 
 // Makes a certificate, for the key in made or, where it is empty, for a new one. issuer signs; a NULL issuer makes a
-// self-signed one. On failure false, with the cause in error and made as it was.
+// self-signed one. It ends when its issuer does, whatever is asked for: nobody takes it after that. On failure false, with the cause in error and made as it was.
 bool make_identity(const certificate_request &request, const identity *issuer, identity &made, std::string &error);
 
 // Each returns an empty text when OpenSSL fails.
@@ -71,6 +71,12 @@ struct certificate_facts {
 };
 
 certificate_facts describe_certificate(X509 *certificate);
+
+// The whole days by which it ends before the day that was asked for.
+int days_cut_off(X509 *certificate, int start_days, int days);
+
+// Whether the first one ends before the second.
+bool ends_before(X509 *first, X509 *second);
 
 // The serial number in hexadecimal; empty when OpenSSL fails.
 std::string serial_text(X509 *certificate);

@@ -76,6 +76,7 @@ bool pki_node(const std::string &directory, const node_options &options, std::os
 			!load_ca(directory, ca, error) || !load_revocations(directory, revoked, error) ||
 			!prepare_rules(directory, revoked, &made, rules, error))
 		return false;
+	const std::string replaced = replaced_text(directory, options.name, ca, revoked);
 	certificate_request request;
 	request.kind = certificate_kind::node;
 	request.common_name = options.name;
@@ -87,7 +88,8 @@ bool pki_node(const std::string &directory, const node_options &options, std::os
 			!store_identity(directory, folder, node, error) ||
 			!write_file(folder + "/role", options.role + "\n", store_mode::open_to_readers, error))
 		return false;
-	out << options.role << " \"" << options.name << "\" made: " << folder << "\n";
+	out << options.role << " \"" << options.name << "\" made: " << folder << "\n"
+		<< cut_short_text(node, options.validity.start_days, options.validity.days) << replaced;
 	return refresh_rules(directory, rules, out, error);
 }
 
@@ -210,6 +212,7 @@ bool pki_broker(const std::string &directory, const broker_options &options, std
 			!write_broker_files(absolute, options, broker, rules, error))
 		return false;
 	out << "broker made; start it with: mosquitto -c " << configuration << "\n"
-		<< "It logs to " << broker_folder(absolute) << "/data/broker.log.\n";
+		<< cut_short_text(broker, options.validity.start_days, options.validity.days) << "It logs to "
+		<< broker_folder(absolute) << "/data/broker.log.\n";
 	return true;
 }

@@ -3,6 +3,8 @@
 
 #include <filesystem>
 
+#include <openssl/x509v3.h>
+
 #include "authority.h"
 #include "broker_config.h"
 
@@ -114,7 +116,20 @@ bool refuse_revoked(const std::string &directory, const identity &held, const st
 	return false;
 }
 
-bool show_certificate(const std::string &label, const std::string &path, const std::string &behind,
+// Until when it can be used: a CA takes with it what it has signed.
+std::string end_text(const identity &held, const identity &ca)
+{
+	const bool with_ca = ca.certificate &&
+			X509_check_issued(ca.certificate.get(), held.certificate.get()) == X509_V_OK &&
+			ends_before(ca.certificate.get(), held.certificate.get());
+	const certificate_facts facts = describe_certificate(with_ca ? ca.certificate.get() : held.certificate.get());
+	std::string text = (facts.expired ? "EXPIRED on " : "valid until ") + facts.not_after;
+	if (!facts.expired)
+		text += " (" + std::to_string(facts.days_left) + " days)";
+	return text + (with_ca ? ", when its CA ends" : "");
+}
+
+bool show_certificate(const std::string &label, const std::string &path, const std::string &behind, const identity &ca,
 		const revocation_list &revoked, std::ostream &out, std::string &error)
 {
 	identity held;
@@ -124,11 +139,24 @@ bool show_certificate(const std::string &label, const std::string &path, const s
 	out << label << "  " << facts.common_name;
 	if (!facts.group.empty())
 		out << "  group " << facts.group;
-	out << "  " << (facts.expired ? "EXPIRED on " : "valid until ") << facts.not_after;
-	if (!facts.expired)
-		out << " (" << facts.days_left << " days)";
-	out << behind << (is_revoked(revoked, held.certificate.get()) ? "  REVOKED\n" : "\n");
+	out << "  " << end_text(held, ca) << behind << (is_revoked(revoked, held.certificate.get()) ? "  REVOKED\n" : "\n");
 	return true;
+}
+
+bool show_node(const std::string &directory, const stored_node &node, const identity &own_ca,
+		const revocation_list &revoked, std::ostream &out, std::string &error)
+{
+	const std::string folder = node_folder(directory, node.name);
+	std::string label = node.role;
+	label.resize(9, ' ');
+	std::string behind;
+	for (const std::string &unit : node.units)
+		behind += (behind.empty() ? "  for " : ",") + unit;
+	identity far_ca;
+	if (node.role == "uplink" && !load_certificate(folder + "/ca.pem", far_ca, error))
+		return false;
+	return show_certificate(
+			label, folder + "/cert.pem", behind, node.role == "uplink" ? far_ca : own_ca, revoked, out, error);
 }
 
 } // namespace
@@ -161,11 +189,10 @@ bool pki_renew(const std::string &directory, const renew_options &options, std::
 			!store_identity(directory, folder, fresh, error))
 		return false;
 	out << facts.common_name << " renewed: " << folder << "\n"
+		<< cut_short_text(fresh, options.validity.start_days, options.validity.days)
 		<< (options.broker ? "The broker uses it from its next start; SIGHUP is no way to make it (see "
 							 "docs/fleet.md).\n"
-						   : "Give the node its new files. Those it has stay good until they end; once the new ones "
-							 "are in "
-							 "use: quillet-pki revoke --old\n");
+						   : "Give the node its new files.\n" + stay_good_text(directory, options.name));
 	return true;
 }
 
@@ -216,19 +243,16 @@ bool pki_show(const std::string &directory, std::ostream &out, std::string &erro
 		return false;
 	}
 	revocation_list revoked;
+	identity ca;
 	if (!load_revocations(directory, revoked, error) ||
-			!show_certificate("ca       ", ca_certificate_path(directory), "", revoked, out, error))
+			!show_certificate("ca       ", ca_certificate_path(directory), "", ca, revoked, out, error) ||
+			!load_certificate(ca_certificate_path(directory), ca, error))
 		return false;
 	const std::string broker = broker_folder(directory) + "/cert.pem";
-	if (file_exists(broker) && !show_certificate("broker   ", broker, "", revoked, out, error))
+	if (file_exists(broker) && !show_certificate("broker   ", broker, "", ca, revoked, out, error))
 		return false;
 	for (const stored_node &node : list_nodes(directory)) {
-		std::string label = node.role;
-		label.resize(9, ' ');
-		std::string behind;
-		for (const std::string &unit : node.units)
-			behind += (behind.empty() ? "  for " : ",") + unit;
-		if (!show_certificate(label, node_folder(directory, node.name) + "/cert.pem", behind, revoked, out, error))
+		if (!show_node(directory, node, ca, revoked, out, error))
 			return false;
 	}
 	out << "revoked    " << count_revoked(revoked) << " in all\n";

@@ -1,6 +1,7 @@
 #include "pki_fixture.h"
 
 #include <array>
+#include <functional>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -355,4 +356,128 @@ TEST_F(pki_commands, make_nothing_with_a_ca_that_has_run_out)
 	EXPECT_FALSE(fs::exists(directory + "/AGENT-1"));
 	EXPECT_TRUE(init(true)) << error;
 	EXPECT_TRUE(node("AGENT-1")) << error;
+}
+
+static bool init_for(const std::string &directory, int days, std::ostream &out, std::string &error)
+{
+	init_options options;
+	options.validity.days = days;
+	return pki_init(directory, options, out, error);
+}
+
+TEST_F(pki_commands, let_no_certificate_outlive_its_ca_and_say_so)
+{
+	ASSERT_TRUE(init_for(directory, 31, out, error)) << error;
+	const std::string end = facts_of(text("ca/ca.pem")).not_after;
+	const struct {
+		const char *path;
+		std::function<bool()> make;
+	} rows[] = {
+			{"AGENT-1/cert.pem",
+					[this] {
+						return node("AGENT-1");
+					}},
+			{"B/cert.pem",
+					[this] {
+						return bridge("B", {"UNIT-1"});
+					}},
+			{"broker/cert.pem",
+					[this] {
+						return broker();
+					}},
+			{"AGENT-1/cert.pem",
+					[this] {
+						return renew("AGENT-1");
+					}},
+			{"broker/cert.pem",
+					[this] {
+						return renew("");
+					}},
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(row.path);
+		out.str("");
+		ASSERT_TRUE(row.make()) << error;
+
+		EXPECT_EQ(facts_of(text(row.path)).not_after, end);
+		EXPECT_THAT(out.str(), HasSubstr("ends with the CA, on " + end));
+	}
+}
+
+TEST_F(pki_commands, say_nothing_of_the_ca_when_a_certificate_gets_its_days)
+{
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+
+	EXPECT_THAT(out.str(), Not(HasSubstr("ends with the CA")));
+}
+
+TEST_F(pki_commands, make_no_certificate_that_would_begin_when_its_ca_has_ended)
+{
+	ASSERT_TRUE(init_for(directory, 31, out, error)) << error;
+	node_options late;
+	late.name = "LATE";
+	late.validity = {40, 10};
+
+	EXPECT_FALSE(pki_node(directory, late, out, error));
+
+	EXPECT_THAT(error, HasSubstr("--start-days"));
+	EXPECT_FALSE(fs::exists(directory + "/LATE/cert.pem"));
+}
+
+TEST_F(pki_commands, show_the_end_of_the_ca_where_it_comes_first)
+{
+	// A CA that ends before what it has signed, as it was possible once.
+	ASSERT_TRUE(init() && node("AGENT-1")) << error;
+	identity ca;
+	ASSERT_TRUE(load_ca(directory, ca, error)) << error;
+	X509_time_adj_ex(X509_getm_notAfter(ca.certificate.get()), 5, 0, nullptr);
+	ASSERT_NE(X509_sign(ca.certificate.get(), ca.key.get(), EVP_sha256()), 0);
+	std::ofstream(directory + "/ca/ca.pem", std::ios::trunc) << certificate_pem(ca);
+	const std::string end = facts_of(text("ca/ca.pem")).not_after;
+	std::ostringstream shown;
+
+	ASSERT_TRUE(pki_show(directory, shown, error)) << error;
+
+	EXPECT_THAT(shown.str(),
+			testing::ContainsRegex("agent      AGENT-1  valid until " + end + " \\([45] days\\), when its CA ends\n"));
+}
+
+TEST_F(pki_commands, say_that_what_is_replaced_stays_good)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && bridge("B", {"UNIT-1"})) << error;
+	EXPECT_THAT(out.str(), Not(HasSubstr("stay good")));
+	const struct {
+		const char *name;
+		std::function<bool()> replace;
+	} rows[] = {
+			{"AGENT-1",
+					[this] {
+						return node("AGENT-1", "agent", true);
+					}},
+			{"B",
+					[this] {
+						return bridge("B", {"UNIT-1"}, true);
+					}},
+			{"AGENT-1",
+					[this] {
+						return renew("AGENT-1");
+					}},
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(row.name);
+		out.str("");
+		ASSERT_TRUE(row.replace()) << error;
+
+		EXPECT_THAT(out.str(), HasSubstr("stay good until they end or are revoked"));
+		EXPECT_THAT(out.str(), HasSubstr("quillet-pki --dir " + directory + " revoke " + row.name + " --old\n"));
+	}
+}
+
+TEST_F(pki_commands, say_nothing_of_what_is_replaced_when_it_is_good_no_more)
+{
+	ASSERT_TRUE(init() && node("AGENT-1") && revoke("AGENT-1") && node("AGENT-1", "agent", true)) << error;
+	EXPECT_THAT(out.str(), Not(HasSubstr("stay good")));
+
+	ASSERT_TRUE(init(true) && node("AGENT-1", "agent", true)) << error;
+	EXPECT_THAT(out.str(), Not(HasSubstr("stay good"))) << "the new CA did not sign the old one";
 }
