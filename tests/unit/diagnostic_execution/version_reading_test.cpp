@@ -376,6 +376,7 @@ TEST_F(version_reading, opens_nothing_once_the_agent_has_stopped)
 		EXPECT_EQ(ecu.calls("transport_init").size(), 0u);
 		agent.ctx->stopping = 0;
 	}
+	ecu.on_call = {};
 	agent_request_stop(agent.ctx);
 	size_t calls_before = ecu.names().size();
 	EXPECT_EQ(run(), -1);
