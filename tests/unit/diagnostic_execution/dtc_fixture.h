@@ -3,7 +3,10 @@
 
 #include <chrono>
 #include <filesystem>
+#include <string>
 #include <thread>
+
+#include <unistd.h>
 
 #include "job_fixture.h"
 #include "movra_fleet/common/agent_log.h"
@@ -121,11 +124,11 @@ private:
 	// The first thread of a process brings a sanitizer's own with it. A joined thread is counted for a moment longer.
 	static long count_after_a_thread()
 	{
-		std::thread([] {}).join();
-		long count = thread_count();
-		for (int i = 0; i < 1000; ++i, std::this_thread::yield())
-			count = std::min(count, thread_count());
-		return count;
+		std::filesystem::path task;
+		std::thread([&] { task = "/proc/self/task/" + std::to_string(gettid()); }).join();
+		while (std::filesystem::exists(task))
+			std::this_thread::yield();
+		return thread_count();
 	}
 	const long threads_before = count_after_a_thread();
 };
