@@ -29,6 +29,12 @@ target_link_libraries(quillet_plain_cxx INTERFACE quillet_options)
 target_compile_options(quillet_plain_cxx INTERFACE
 	$<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
 
+# Seconds that a test of the short tier may take. What a sanitizer or an emulator makes slow is not what hangs.
+set(QUILLET_TEST_TIMEOUT 120)
+if(QUILLET_SANITIZE OR CMAKE_CROSSCOMPILING)
+	set(QUILLET_TEST_TIMEOUT 300)
+endif()
+
 # quillet_test(<name> SOURCES <file>... [LIBS <target>...] [LONG <seconds>] [SOCKETCAN]): one GoogleTest program, run as
 # one test of the short tier, and with LONG once more in the long tier as long_<name>, with QUILLET_TIER=long, within
 # those seconds. SOCKETCAN says that it needs a kernel with CAN: such a test has the label vm instead and runs in the
@@ -50,7 +56,7 @@ function(quillet_test name)
 		set(tier vm)
 		set_property(GLOBAL APPEND PROPERTY QUILLET_VM_TESTS ${name})
 	endif()
-	set_tests_properties(${name} PROPERTIES LABELS ${tier} TIMEOUT 120)
+	set_tests_properties(${name} PROPERTIES LABELS ${tier} TIMEOUT ${QUILLET_TEST_TIMEOUT})
 	if(CMAKE_CROSSCOMPILING)
 		list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
 		set_tests_properties(${name} PROPERTIES ENVIRONMENT
@@ -98,6 +104,6 @@ function(quillet_fuzz_target name)
 	else()
 		target_sources(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/fuzz/replay_main.cpp)
 		add_test(NAME ${name} COMMAND ${name} ${CMAKE_CURRENT_SOURCE_DIR}/${arg_CORPUS})
-		set_tests_properties(${name} PROPERTIES LABELS short TIMEOUT 120)
+		set_tests_properties(${name} PROPERTIES LABELS short TIMEOUT ${QUILLET_TEST_TIMEOUT})
 	endif()
 endfunction()
