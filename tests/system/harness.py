@@ -68,6 +68,15 @@ class Process:
     def text(self):
         return self.path.read_text(errors="replace")
 
+    def sockets(self):
+        """How many it has open; one that it closes meanwhile may count or not."""
+        def is_socket(path):
+            try:
+                return os.readlink(path).startswith("socket:")
+            except FileNotFoundError:
+                return False
+        return sum(map(is_socket, Path(f"/proc/{self.popen.pid}/fd").iterdir()))
+
     def running(self):
         return self.popen.poll() is None
 
@@ -75,8 +84,10 @@ class Process:
         self.popen.send_signal(number)
 
     def wait(self, timeout=5.0):
+        """The exit status of a program that ends; however it ends, no sanitizer may have said anything."""
         status = self.popen.wait(timeout * PATIENCE)
         self.out.close()
+        assert not SANITIZER_REPORT.search(self.text()), self.text()
         return status
 
     def stop(self, number=signal.SIGTERM, timeout=5.0):
@@ -90,7 +101,6 @@ class Process:
             self.popen.kill()
             self.wait()
             raise
-        assert not SANITIZER_REPORT.search(self.text()), self.text()
         return status
 
     def kill(self):

@@ -58,8 +58,14 @@ class Requester:
 
 
 def decode(message):
-    """The reply in a message; that it is one of those that the documents describe is looked at here."""
-    reply = json.loads(message.payload.rstrip(b"\0"))
+    """The reply in a message."""
+    return reply_in(message.payload)
+
+
+def reply_in(payload):
+    """The reply in these bytes; that it is one of those that the documents describe is looked at here. A reply-id that
+    is no UTF-8 comes back as it was."""
+    reply = json.loads(payload.rstrip(b"\0").decode(errors="replace"))
     REPLY.validate(reply)
     return reply
 

@@ -1,15 +1,15 @@
 """What docs/bus.md says: its node in C and its commands are taken out of it and run, with nothing but ports and paths
 changed, and its numbers are held against the sources."""
 
-import json
 import os
 import re
 import subprocess
 
 import pytest
 
-from documents import DOCS, REPLY
+from documents import DOCS
 from harness import LIB, PATIENCE, SOURCE, Process, wait_until
+from requester import reply_in
 
 TEXT = (DOCS / "bus.md").read_text()
 LIBRARY = SOURCE / "platform" / "tervbus"
@@ -82,8 +82,7 @@ def test_a_requester_needs_mosquitto_s_clients_only(here, agent, ecus):
     head, text = done.stdout.split("\n", 1)
     expected = re.sub("[0-9a-f]{32}", "[0-9a-f]{32}", REQUEST[1].splitlines()[0])
     assert re.fullmatch(expected, head), done.stdout
-    reply = json.loads(text)
-    REPLY.validate(reply)
+    reply = reply_in(text.encode())
     assert reply["reply-to"] == "req-1"
     assert [row["error"] for row in reply["body"]["routine-response"]] == ["none", "none"]
     assert ecus.requests("engine")[asked:] == ["22F190", "22F187"]

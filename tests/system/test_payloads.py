@@ -11,7 +11,7 @@ from paho.mqtt.properties import Properties
 
 from harness import BIN, PATIENCE, Agent, Pki, wait_until
 from intruder import Intruder
-from requester import routine
+from requester import decode, outcomes, routine
 
 MIB = 1 << 20
 PACKET_TOO_LARGE = 0x95
@@ -98,7 +98,9 @@ def test_is_dropped_with_one_line(agent, requester, payload, line):
 
 def test_a_reply_id_that_is_no_utf8_comes_back_as_it_was(agent, requester):
     requester.send("AGENT-1", text_of("it").replace(b'"it"', b'"\xff\xfeit"'))
-    assert b'"reply-to": "\xff\xfeit"' in requester.next_message().payload
+    message = requester.next_message()
+    assert b'"reply-to": "\xff\xfeit"' in message.payload
+    assert decode(message)["reply-to"] == "\ufffd\ufffdit"
 
 
 def test_a_reply_s_acknowledgement_is_told_on_the_second_v(agent, requester):
@@ -177,14 +179,16 @@ def reply_of(length, base):
 def reply_base(large_agent, requester):
     """The length of a reply, its final zero included, without its reply-id."""
     requester.send("AGENT-2", text_of("x"))
-    return len(requester.next_message().payload) - 1
+    message = requester.next_message()
+    assert decode(message)["reply-to"] == "x"
+    return len(message.payload) - 1
 
 
 def test_a_reply_of_16_mib_is_carried(large_agent, requester, reply_base):
     requester.send("AGENT-2", reply_of(16 * MIB, reply_base))
     message = requester.next_message(timeout=30)
     assert len(message.payload) == 16 * MIB
-    assert json.loads(message.payload[:-1])["body"]["routine-response"][0]["response-data"] == "7E00"
+    assert outcomes(decode(message)) == [("0x3E", "7E00", "none")]
     expect_answer(requester, "AGENT-2")
 
 

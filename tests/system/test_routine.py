@@ -72,6 +72,7 @@ def test_an_interface_that_does_not_exist_gives_two_replies(agent, requester):
     requester.send("AGENT-1", routine("nowhere", [("22", "", "F190")], interface="can9"))
     first, second = requester.next_message(), requester.next_message()
     assert outcomes(decode(first)) == [("0x22", "-", "Command not executed")]
+    assert decode(second)["reply-to"] == "nowhere"
     assert second.payload == (
         b'{ "type": "movra.quillet-query-update", "reply-to": "nowhere", "body": { "error": '
         b'{ "error-type": "UDS_NO_RESPONSE", "uds-nrc": "can9 is not available" } } }\0')
@@ -87,6 +88,7 @@ def test_an_ecu_with_29_bit_identifiers(agent, requester):
 def test_the_form_of_a_reply_on_the_wire(agent, requester):
     requester.send("AGENT-1", routine('id "with" /odd\\ signs é', [("3E", "00")]))
     message = requester.next_message()
+    assert decode(message)["reply-to"] == 'id "with" /odd\\ signs é'
     assert message.topic == "movra/v1/ua/TESTER-1/AGENT-1"
     assert message.properties.ContentType == "application/json"
     assert 0 < message.properties.MessageExpiryInterval <= 60
