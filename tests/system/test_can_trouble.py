@@ -87,7 +87,7 @@ ROUTINES = {
                 [("0x22", "-", "recv_diag_command failed"), ("0x3E", "-", "Command not executed")]),
     "wait": (routine("wait", [("31", "01", "0301"), ("3E", "00")]), "received 7E8 [8] 03 7F 31 78",
              [("0x31", "7F3178", "recv_diag_command failed"), ("0x3E", "-", "Command not executed")]),
-    "pause": (paused(1), "received 7E8 [8] 02 7E 00",
+    "pause": (paused(3 * PATIENCE), "received 7E8 [8] 02 7E 00",
               [("0x3E", "7E00", "none"), ("0x22", "-", "send_diag_command failed")]),
 }
 
@@ -132,8 +132,8 @@ def test_a_server_that_ends_in_the_middle_of_a_routine(watched_agent, requester,
 
 
 def test_a_server_that_comes_back_during_a_pause_serves_the_next_job_only(watched_agent, requester, bench):
-    _, sign, expected = ROUTINES["pause"]
-    begin(watched_agent, requester, paused(3 * PATIENCE), sign)
+    document, sign, expected = ROUTINES["pause"]
+    begin(watched_agent, requester, document, sign)
     bench.server.kill()
     bench.restart()
     assert requester.replies.empty(), "the pause is not over"
@@ -156,8 +156,10 @@ def test_a_server_that_ends_while_all_ecus_are_asked(watched_agent, requester, b
 def test_a_server_that_ends_while_a_broadcast_is_waited_for(watched_agent, requester, bench):
     query = {"ifname": "can0", "id": "18FEDA01", "timeout": "5000", "signal": []}
     failed = len(watched_agent.lines("Unable to read Version", "ERR"))
+    open_before = watched_agent.sockets()
     begin(watched_agent, requester, request("never", {"version": {"j1939": query}}), "Using J1939")
-    time.sleep(0.2 * PATIENCE)  # the port is opened behind that line, and says nothing
+    wait_until(lambda: watched_agent.sockets() > open_before, "a port, which is opened behind that line")
+    time.sleep(0.2 * PATIENCE)  # for the words between it and the server
     ended = time.monotonic()
     bench.server.kill()
     watched_agent.wait_for("Unable to read Version", "ERR", count=failed + 1)

@@ -15,6 +15,7 @@ CONFIRMED = by_status("CONFIRMED_DTC")
 # Its answers are single frames: the functional request reaches ECUs that nobody listens to as well, and one that waits
 # for a flow control is busy.
 COUNT = report("NO_DTC_BY_STATUS_MASK", mask("CONFIRMED_DTC"))
+LATE = report("NO_DTC_BY_STATUS_MASK", mask("PENDING_DTC"))  # 19 01 04
 ENGINES_COUNT = ("7E0", "FF010002")
 COUNTS = [ENGINES_COUNT, ("7E1", "7F010001"), ("18DA10F1", "09010002")]
 CONFIRMED_OF_ENGINE = [("7E0", "FF0171002F012345AF")]
@@ -23,9 +24,12 @@ NO_ANSWER = "send_dtc_response_to_bridge failed"
 
 @pytest.fixture(scope="module")
 def ecus(can, folder):
-    """The bench, of which every ECU takes a second for one request."""
-    late = [{"request": "19020C", "delay_ms": 1000}]
-    process = Ecus(can.port, folder, bench_with(folder, {name: late for name in ("engine", "transmission", "body")}))
+    """The bench, of which every ECU takes a second for one request, and the engine for another longer than the agent
+    waits."""
+    delayed = [{"request": "19020C", "delay_ms": 1000}]
+    late = [{"request": "190104", "delay_ms": 4000}]
+    process = Ecus(can.port, folder, bench_with(
+        folder, {"engine": delayed + late, "transmission": delayed, "body": delayed}))
     yield process
     process.stop()
 
@@ -192,6 +196,17 @@ def say_as_engine(bus, text):
     bus.send(can_bus.Message(arbitration_id=0x7E8, is_extended_id=False, data=data.ljust(8, b"\xCC")))
 
 
+def wait_for_engine(bus, text):
+    """Until a frame of the engine that begins so has been on the bus."""
+    start = bytes.fromhex(text)
+
+    def said():
+        frame = bus.recv(timeout=0.1)
+        return frame is not None and frame.arbitration_id == 0x7E8 and bytes(frame.data).startswith(start)
+
+    wait_until(said, f"{text} on the bus")
+
+
 @pytest.mark.parametrize("early", [
     ("0562F187AAAA",),                    # the whole answer
     ("101462F187AAAAAA",),                # its first frame
@@ -199,35 +214,28 @@ def say_as_engine(bus, text):
     ("037F2231",),                        # a refusal
     ("037F2278",),                        # the promise of one
 ])
-def test_an_answer_that_came_before_its_request_is_not_taken(agent, requester, ecus, bus, early):
-    asked = len(ecus.requests("engine"))
-    requester.send("AGENT-1", routine("early", [("3E", "00", "", "1"), ("22", "", "F187")]))
-    wait_until(lambda: ecus.requests("engine")[asked:] == ["3E00"], "the command before the pause")
-    time.sleep(0.3)  # its answer has been taken; the channel stays open for the rest of the second
+def test_an_answer_that_came_before_its_request_is_not_taken(agent, requester, bus, early):
+    requester.send("AGENT-1", routine("early", [("3E", "00", "", "2"), ("22", "", "F187")]))
+    wait_for_engine(bus, "027E00")  # the channel stays open over the pause, in which nothing is sent
     for frame in early:
         say_as_engine(bus, frame)
     value = "8K0-906-259-Q".encode().hex().upper()
     assert outcomes(requester.next_reply()) == [("0x3E", "7E00", "none"), ("0x22", "62F187" + value, "none")]
 
 
-def test_a_dtc_answer_that_came_before_its_request_is_not_taken(agent, requester, bus):
-    say_as_engine(bus, "065902AA123456")
-    assert answers(ask(requester, CONFIRMED)) == CONFIRMED_OF_ENGINE
-
-
 def test_a_second_answer_of_the_same_ecu_changes_nothing(agent, requester, ecus, bus):
     asked = len(ecus.requests("engine"))
-    requester.send("AGENT-1", request("doubled", DELAYED))
-    wait_until(lambda: "19020C" in ecus.requests("engine")[asked:], "the request")
-    say_as_engine(bus, "065902AA123456")  # what comes after the request cannot be told apart
+    requester.send("AGENT-1", request("doubled", LATE))
+    wait_until(lambda: "190104" in ecus.requests("engine")[asked:], "the request")
+    say_as_engine(bus, "065901AA123456")  # what comes after the request cannot be told apart
     assert answers(requester.next_reply()) == [("7E0", "AA123456")]
-    ask(requester, DELAYED, TRANSMISSION)  # after which the engine has given its own answer as well
+    wait_for_engine(bus, "065901FF")  # its own answer
     assert answers(ask(requester, CONFIRMED)) == CONFIRMED_OF_ENGINE
 
 
 def test_an_answer_of_one_byte_is_left_out(agent, requester, ecus, bus):
     asked = len(ecus.requests("engine"))
-    requester.send("AGENT-1", request("short", DELAYED, [ecu(ENGINE, functional="7DF"), ecu(BODY, functional="7DF")]))
-    wait_until(lambda: "19020C" in ecus.requests("engine")[asked:], "the request")
+    requester.send("AGENT-1", request("short", LATE, [ecu(ENGINE, functional="7DF"), ecu(BODY, functional="7DF")]))
+    wait_until(lambda: "190104" in ecus.requests("engine")[asked:], "the request")
     say_as_engine(bus, "0159")
     assert [row[0] for row in answers(requester.next_reply())] == ["18DA10F1"]
