@@ -1,8 +1,5 @@
 """Trouble codes: scapy's UDS layers as the tester of the virtual ECUs, and as an ECU that our transport asks."""
 
-import threading
-import time
-
 import can
 import pytest
 from scapy.contrib.automotive.ecu import EcuResponse
@@ -145,17 +142,15 @@ def test_one_ecu_is_silent_and_one_refuses(bench, tester, engine, transmission, 
 def test_a_broadcast_comes_with_its_period(bench, can_server):
     with can.Bus(interface="socketcand", channel=BENCH_BUS, host=can_server.host, port=can_server.port) as bus:
         frames = []
-        began = time.monotonic()
         while len(frames) < 6:
             frame = bus.recv(timeout=PATIENCE_S)
             assert frame is not None, "no frame"
             frames.append(frame)
-        lasted_s = time.monotonic() - began
     for frame in frames:
         assert (frame.arbitration_id, frame.is_extended_id) == (0x18FEDA00, True)
         assert bytes(frame.data).hex() == "01040cffffffffff"
-    # Six frames are five periods of 200 ms after the first, which comes within one.
-    assert 0.95 < lasted_s < 3
+    # Six frames are five periods of 200 ms, by the bus's own clock; the ECU may have been late with some.
+    assert 0.7 < frames[-1].timestamp - frames[0].timestamp < 3
 
 
 @pytest.fixture
