@@ -20,7 +20,7 @@ namespace
 {
 
 constexpr const char *broker_programs[] = {"/usr/sbin/mosquitto", "/usr/local/sbin/mosquitto", "/usr/bin/mosquitto"};
-constexpr int start_attempts = 1000; // of 10 ms
+constexpr int attempts = 1000; // of 10 ms
 constexpr auto attempt_pause = std::chrono::milliseconds(10);
 
 const char *broker_program()
@@ -154,7 +154,7 @@ bool test_broker::try_start()
 	process_ = fork();
 	if (process_ == 0)
 		run_broker(program, configuration, log_path);
-	for (int i = 0; i < start_attempts; i++) {
+	for (int i = 0; i < attempts; i++) {
 		if (listens())
 			return true;
 		if (waitpid(process_, nullptr, WNOHANG) == process_) {
@@ -214,4 +214,14 @@ std::string test_broker::url() const
 std::string test_broker::log() const
 {
 	return test_read_file(path("log"));
+}
+
+bool test_broker::wait_log(const std::string &text) const
+{
+	for (int i = 0; i < attempts; i++) {
+		if (log().find(text) != std::string::npos)
+			return true;
+		std::this_thread::sleep_for(attempt_pause); // another process is waited for
+	}
+	return false;
 }

@@ -1,5 +1,7 @@
 #include "bus_seams.h"
 
+#include "conditions.h"
+
 #include <poll.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@ namespace
 {
 
 std::atomic<int64_t> ahead_ms{0};
+std::atomic<int64_t> pause_end_ms{0}; // of the pause that was begun last
 constexpr int look_ms = 2;
 
 } // namespace
@@ -17,12 +20,21 @@ constexpr int look_ms = 2;
 extern "C" {
 int64_t __real__Z10bus_now_msv();
 int64_t __wrap__Z10bus_now_msv();
+int64_t __real__Z12backoff_takeP7backoffj(backoff *wait, uint32_t random);
+int64_t __wrap__Z12backoff_takeP7backoffj(backoff *wait, uint32_t random);
 int __real_poll(pollfd *fds, nfds_t count, int timeout_ms);
 int __wrap_poll(pollfd *fds, nfds_t count, int timeout_ms);
 
 int64_t __wrap__Z10bus_now_msv()
 {
 	return __real__Z10bus_now_msv() + ahead_ms;
+}
+
+int64_t __wrap__Z12backoff_takeP7backoffj(backoff *wait, uint32_t random)
+{
+	const int64_t pause_ms = __real__Z12backoff_takeP7backoffj(wait, random);
+	pause_end_ms = __wrap__Z10bus_now_msv() + pause_ms;
+	return pause_ms;
 }
 
 int __wrap_poll(pollfd *fds, nfds_t count, int timeout_ms)
@@ -44,7 +56,7 @@ bool wait_condition_over_pauses(test_node *node, int condition)
 	for (int round = 0; round < 1000; round++) {
 		if (node->wait(reached, std::chrono::milliseconds(20)))
 			return true;
-		bus_clock_advance(250);
+		bus_clock_advance(std::max(int64_t{0}, pause_end_ms - __wrap__Z10bus_now_msv()));
 	}
 	return false;
 }

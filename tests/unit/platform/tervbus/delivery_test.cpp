@@ -157,6 +157,7 @@ TEST_F(bus_delivery, keeps_the_rules_in_force_when_the_new_ones_are_no_rules)
 {
 	broker.set_rules("permit everything\n");
 	broker.reload();
+	ASSERT_TRUE(broker.wait_log("/rules: ")) << "what is wrong with them";
 	ASSERT_EQ(requester.send({"2:agent"}, ended), 0);
 	ASSERT_TRUE(requester.wait_deliveries(1));
 	EXPECT_TRUE(requester.record().deliveries[0].ok);

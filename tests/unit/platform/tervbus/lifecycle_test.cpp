@@ -8,7 +8,6 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using namespace std::chrono_literals;
 
 namespace
 {
@@ -242,18 +241,6 @@ TEST_F(bus_lifecycle, refuses_to_end_the_library_from_its_own_thread)
 	bring_up(&agent, broker);
 	ASSERT_EQ(requester.send({"2:agent"}, "x"), 0);
 	EXPECT_TRUE(agent.wait_messages(1));
-}
-
-TEST_F(bus_conditions, tells_a_refused_port_once_and_heals)
-{
-	test_broker broker(cast().ca, {.rules = cast_rules, .bridges = {}});
-	test_node node(cast().agent, trust());
-	ASSERT_EQ(node.start(broker.url()), 0);
-	ASSERT_TRUE(node.wait_condition(TERVBUS_CONDITION_CONNECTION_FAILED));
-	std::this_thread::sleep_for(700ms); // another attempt or two, which are not told
-	broker.start();
-	ASSERT_TRUE(node.wait_condition(TERVBUS_CONDITION_RUNNING));
-	EXPECT_THAT(node.record().conditions, ElementsAre(7, 2, 0));
 }
 
 TEST_F(bus_conditions, tells_a_name_that_does_not_resolve_once_and_can_be_stopped)
