@@ -282,12 +282,20 @@ TEST(a_can_server, reads_no_further_from_a_client_whose_frames_wait_for_the_bus)
 {
 	can_server_thread server({"vcan0"}, 0, {.bitrate = 1000}); // 117 ms for a frame
 	client sender(server.port());
+	client receiver(server.port());
 	sender.joins("vcan0");
+	receiver.joins("vcan0");
 	std::string many;
 	for (int i = 0; i < 1000; i++)
 		many += "< send 123 8 1 2 3 4 5 6 7 8 >";
 
+	const int64_t start_us = can_link_monotonic_us();
+
 	EXPECT_LT(sender.says_at_most(many, 300), 300u) << "10 MB: no socket holds so much";
+	for (int i = 0; i < 10; i++) // so the server is at work
+		ASSERT_EQ(receiver.hears_frame(), "123 0102030405060708");
+	EXPECT_GE(can_link_monotonic_us() - start_us, 10 * 117'000);
+	EXPECT_EQ(sender.says_at_most(many, 1), 0u) << "and has read no further";
 }
 
 TEST(a_can_server, survives_clients_that_leave_in_the_middle_of_things)
