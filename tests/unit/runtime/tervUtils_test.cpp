@@ -1,5 +1,7 @@
 #include "tervUtils.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -344,7 +346,8 @@ TEST(json_set_string_path, fails_when_the_new_string_cannot_be_added)
 TEST(json_set_string_path, saves_the_document_pretty)
 {
 	document settings = parse(R"({"a":"x"})");
-	saved_path = testing::TempDir() + "json_set_string_path.json";
+	saved_path = testing::TempDir() + "json_set_string_path_XXXXXX";
+	close(mkstemp(saved_path.data()));
 	synced.clear();
 
 	EXPECT_EQ(json_set_string_path(settings.get(), saved_path.c_str(), json_type_string, "y", "a", NULL), 0);
