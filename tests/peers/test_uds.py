@@ -120,13 +120,20 @@ def test_refused_routine(engine):
     expect_negative(answer, 0x31, 0x22)
 
 
-def test_reset_and_the_silence_after_it(engine):
+def test_reset_and_the_silence_after_it(can_server, tester, tmp_path):
+    description = json.loads(BENCH.read_text())
+    description["ecus"][0]["reset_ms"] = 2000  # so that what is sent next surely falls into it
+    path = tmp_path / "slow_reset.json"
+    path.write_text(json.dumps(description))
+    ecus = VirtualEcus(can_server, path, tmp_path / "requests.log", "--bus", BUS).ready(3, BUS)
+    engine = tester(0x7E0, 0x7E8)
     enter_session(engine, 3)
     assert raw(ask(engine, UDS() / UDS_ER(resetType=1))) == "5101"
     engine.send(UDS() / UDS_TP(subFunction=0))
     assert receive(engine, SILENCE_S) is None
-    time.sleep(0.3)
+    time.sleep(2.0)
     expect_negative(ask(engine, UDS() / UDS_RDBI(identifiers=[0x0101])), 0x22, 0x31)
+    assert ecus.end() == 0
 
 
 def test_s3_ends_the_session(engine):
