@@ -40,8 +40,8 @@ public:
 	void set_rules(const std::string &rules);
 
 	uint16_t port() const;
-	std::string url() const; // tcp://127.0.0.1:port
-	std::string log() const; // what it has logged so far
+	std::string url() const;                      // tcp://127.0.0.1:port
+	std::string log() const;                      // what it has logged so far
 	bool wait_log(const std::string &text) const; // until its log has this: false after 10 s
 
 private:
