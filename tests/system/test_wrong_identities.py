@@ -2,7 +2,6 @@
 good requester talks to its agent all the time, and both are looked at after each."""
 
 import re
-import shutil
 import socket
 import ssl
 import subprocess
@@ -14,6 +13,7 @@ from bystander import BrokerLog, Exchange
 from harness import BIN, PATIENCE, Broker, Pki, free_port
 from intruder import SERVER, Forge, Intruder, tls_context, utf8
 from requester import Requester
+from wrong_brokers import BROKERS
 
 REFUSED = 0x87
 FORGED = b"forged"  # what no good node may ever be given
@@ -88,14 +88,6 @@ def query(cert_dir, port):
         capture_output=True, text=True, timeout=30 * PATIENCE)
     assert done.stdout == ""
     return done.returncode, done.stderr.splitlines()
-
-
-def copy_of(pki, folder):
-    """The same CA in a folder of its own, for a second broker."""
-    copy = object.__new__(Pki)
-    copy.folder = folder / f"copy-{time.monotonic_ns()}"
-    shutil.copytree(pki.folder / "ca", copy.folder / "ca")
-    return copy
 
 
 def of_another_ca(pki, folder):
@@ -236,48 +228,6 @@ def test_a_client_that_does_not_prove_who_it_is(pki, broker, log, come, cause):
         come(pki, broker.port)
     log.wait_for(f".*:SSL routines::{cause}.?")
     assert sum(cause in line for line in log.lines()) == 1
-
-
-def broker_of_another_ca(pki, plugin, port, folder):
-    return Pki(folder / f"other-{time.monotonic_ns()}").broker(port, plugin)
-
-
-def expired_broker(pki, plugin, port, folder):
-    return copy_of(pki, folder).broker(port, plugin, "--start-days", "-10", "--days", "5")
-
-
-def early_broker(pki, plugin, port, folder):
-    return copy_of(pki, folder).broker(port, plugin, "--start-days", "5")
-
-
-def broker_of_another_host(pki, plugin, port, folder):
-    return copy_of(pki, folder).broker(port, plugin, "--host", "elsewhere.example", "--ip", "192.0.2.1")
-
-
-def with_identity(configuration, cert_dir):
-    for name in ("cert.pem", "private.pem"):
-        (configuration.parent / name).write_bytes((cert_dir / name).read_bytes())
-    return configuration
-
-
-def broker_with_a_nodes_certificate(pki, plugin, port, folder):
-    """Any node of the CA that puts itself in the broker's place."""
-    return with_identity(copy_of(pki, folder).broker(port, plugin), pki.folder / "TESTER-1")
-
-
-def self_signed_broker(pki, plugin, port, folder):
-    forged = Forge(pki, folder).identity("broker", usage=SERVER, self_signed=True)
-    return with_identity(copy_of(pki, folder).broker(port, plugin), forged)
-
-
-BROKERS = [
-    ("of another CA", broker_of_another_ca, "self-signed certificate in certificate chain"),
-    ("self-signed", self_signed_broker, "self-signed certificate"),
-    ("expired", expired_broker, "certificate has expired"),
-    ("not yet valid", early_broker, "certificate is not yet valid"),
-    ("for another host", broker_of_another_host, "IP address mismatch"),
-    ("with a node's certificate", broker_with_a_nodes_certificate, "unsuitable certificate purpose"),
-]
 
 
 @pytest.mark.parametrize("make, cause", [row[1:] for row in BROKERS], ids=[row[0] for row in BROKERS])

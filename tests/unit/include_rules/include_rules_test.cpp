@@ -48,19 +48,16 @@ const std::set<std::string> kept_out_of_the_agent = {"string", "string_view", "v
 		"fstream", "stdexcept", "exception", "regex", "thread", "mutex", "condition_variable", "future", "any",
 		"variant", "optional"};
 
-bool is_source(const std::filesystem::path &path)
-{
-	static const std::set<std::string> endings = {".c", ".cpp", ".h"};
-	return endings.count(path.extension()) != 0;
-}
+const std::set<std::string> sources = {".c", ".cpp", ".h"};
+const std::set<std::string> sources_and_scripts = {".c", ".cpp", ".h", ".py"};
 
-tree read_tree()
+tree read_tree(const texts &tops = {"src", "platform", "tools"}, const std::set<std::string> &endings = sources)
 {
 	namespace fs = std::filesystem;
 	tree files;
-	for (const char *top : {"src", "platform", "tools"})
+	for (const std::string &top : tops)
 		for (const fs::directory_entry &entry : fs::recursive_directory_iterator(fs::path(QUILLET_SOURCE) / top))
-			if (entry.is_regular_file() && is_source(entry.path())) {
+			if (entry.is_regular_file() && endings.count(entry.path().extension()) != 0) {
 				std::stringstream content;
 				content << std::ifstream(entry.path()).rdbuf();
 				files[fs::relative(entry.path(), QUILLET_SOURCE)] = content.str();
@@ -266,5 +263,9 @@ TEST(include_rules, no_file_is_longer_than_500_lines)
 	tree example = {{"src/a.cpp", std::string(500, '\n')}, {"src/b.cpp", std::string(501, '\n')}};
 	EXPECT_EQ(long_files(example), (texts{"src/b.cpp"}));
 
-	EXPECT_EQ(long_files(read_tree()), nothing);
+	tree files = read_tree({"src", "platform", "tools", "tests", "benchmarks"}, sources_and_scripts);
+	for (const char *path :
+			{"src/main.cpp", "tests/system/harness.py", "tests/unit/include_rules/include_rules_test.cpp"})
+		EXPECT_EQ(files.count(path), 1u) << path;
+	EXPECT_EQ(long_files(files), nothing);
 }

@@ -3,89 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <functional>
 #include <future>
 #include <optional>
 #include <string>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "canserver_lines.h"
-#include "channel_driver.h"
-#include "guards.h"
 #include "open_descriptors.h"
-#include "support/loopback.h"
+#include "played_server.h"
 
 namespace
 {
-
-// A server played by the test: what its thread does with the first connection is a function.
-class played_server
-{
-public:
-	explicit played_server(std::function<void(int descriptor)> play) : play_(std::move(play))
-	{
-		const int small = 4096; // a server that stalls soon takes no more
-		EXPECT_EQ(setsockopt(port_.socket_fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
-		port_.listen();
-		thread_ = std::thread([this] {
-			const int descriptor = port_.accept();
-			play_(descriptor);
-			close(descriptor);
-		});
-	}
-
-	~played_server()
-	{
-		thread_.join();
-	}
-
-	played_server(const played_server &) = delete;
-	played_server &operator=(const played_server &) = delete;
-
-	const char *address() const
-	{
-		return address_.c_str();
-	}
-
-private:
-	std::function<void(int)> play_;
-	const loopback_port port_;
-	const std::string address_ = port_.address();
-	std::thread thread_;
-};
-
-bool say(int descriptor, const std::string &text)
-{
-	return send(descriptor, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
-}
-
-// What the client says up to its next '>'; less when it has gone.
-std::string hear(int descriptor)
-{
-	std::string text;
-	char byte = 0;
-	while (byte != '>' && recv(descriptor, &byte, 1, 0) == 1)
-		text += byte;
-	return text;
-}
-
-void greet(int descriptor)
-{
-	say(descriptor, "< hi >");
-	hear(descriptor);
-	say(descriptor, "< ok >");
-	hear(descriptor);
-	say(descriptor, "< ok >");
-	hear(descriptor); // the link's echo, which this server does not know
-}
-
-int64_t ms_since(std::chrono::steady_clock::time_point start)
-{
-	return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
 
 // A frame of length 0 when none comes in 10 s.
 bus_frame next_frame(const can_link &link)
@@ -284,104 +214,6 @@ TEST(a_link_to_a_can_server, is_lost_when_the_server_ends_in_the_middle_of_a_mes
 	EXPECT_EQ(testing::internal::GetCapturedStderr(),
 			"udsutils: the connection to the CAN server is lost: closed by the server\n");
 	can_link_close(&link);
-}
-
-// Whatever a server pours out without an end, a call comes back in its time.
-TEST(a_channel_over_a_can_server, ends_each_call_in_its_time_under_no_end_of)
-{
-	const struct {
-		const char *what;
-		std::string said;
-	} rows[] = {
-			{"text", std::string(1000, 'x')},
-			{"beginnings", std::string(1000, '<')},
-			{"others' frames", "< frame 7E9 1.0 0102030405060708 >\n"},
-			{"flow controls", "< frame 7E8 1.0 3000000000000000 >\n"},
-			{"first frames", "< frame 7E8 1.0 1014000000000000 >\n"},
-			{"echoes", "< echo >"},
-	};
-	for (const auto &row : rows) {
-		SCOPED_TRACE(row.what);
-		const played_server server([&](int descriptor) {
-			greet(descriptor);
-			while (say(descriptor, row.said))
-				;
-		});
-		can_link link{};
-		ASSERT_EQ(canserver_link_open(&link, server.address(), "vcan0", CAN_LINK_TAKES_ONE, 0x7E8), 0);
-		const isotp_settings settings = isotp_default_settings(0x7E0, 0x7E8);
-		const scoped<channel_driver, channel_driver_free> driver(channel_driver_new(&settings, link));
-		ASSERT_NE(driver, nullptr);
-		uint8_t answer[8]{0x3E, 0x00};
-		size_t length = 0;
-		const auto start = std::chrono::steady_clock::now();
-
-		EXPECT_EQ(channel_driver_receive(driver.get(), answer, sizeof(answer), &length, 200), -1);
-		(void)channel_driver_send(driver.get(), answer, 2); // nobody reads what is said, and the socket may be full
-
-		EXPECT_LT(ms_since(start), 4000) << "200 ms, N_As, and what a busy machine adds";
-	}
-}
-
-// A thread that has more to take whenever it looks gives way to the others all the same.
-TEST(a_channel_over_a_can_server, is_ended_at_once_under_no_end_of_frames)
-{
-	std::string many;
-	for (int i = 0; i < 10000; i++)
-		many += "< frame 7E8 1.0 3000000000000000 >";
-	for (int round = 0; round < 5; round++) {
-		std::promise<void> flows;
-		const played_server server([&](int descriptor) {
-			greet(descriptor);
-			for (int said = 0; say(descriptor, many); said++)
-				if (said == 10) // more than any queue holds: they are being taken
-					flows.set_value();
-		});
-		can_link link{};
-		ASSERT_EQ(canserver_link_open(&link, server.address(), "vcan0", CAN_LINK_TAKES_ONE, 0x7E8), 0);
-		const isotp_settings settings = isotp_default_settings(0x7E0, 0x7E8);
-		const scoped<channel_driver, channel_driver_free> driver(channel_driver_new(&settings, link));
-		ASSERT_NE(driver, nullptr);
-		std::future<int> received = std::async(std::launch::async, [&driver] {
-			uint8_t answer[8];
-			size_t length = 0;
-			return channel_driver_receive(driver.get(), answer, sizeof(answer), &length, 20000);
-		});
-		flows.get_future().wait();
-		const auto start = std::chrono::steady_clock::now();
-
-		channel_driver_end(driver.get());
-
-		EXPECT_EQ(received.get(), -1);
-		EXPECT_LT(ms_since(start), 2000) << "and not after the 20 s of the receive";
-	}
-}
-
-// What the link has read already wakes nobody by itself.
-TEST(a_channel_over_a_can_server, gives_a_sender_the_flow_control_behind_a_receiver_s_answer)
-{
-	const played_server server([](int descriptor) {
-		greet(descriptor);
-		while (!hear(descriptor).empty()) {
-			say(descriptor, "< frame 7E8 1.0 023E00 >< frame 7E8 1.0 300000 >");
-			hear(descriptor); // the consecutive frame
-		}
-	});
-	can_link link{};
-	ASSERT_EQ(canserver_link_open(&link, server.address(), "vcan0", CAN_LINK_TAKES_ONE, 0x7E8), 0);
-	const isotp_settings settings = isotp_default_settings(0x7E0, 0x7E8);
-	const scoped<channel_driver, channel_driver_free> driver(channel_driver_new(&settings, link));
-	ASSERT_NE(driver, nullptr);
-	for (int round = 0; round < 200; round++) {
-		std::future<int> received = std::async(std::launch::async, [&driver] {
-			uint8_t answer[8];
-			size_t length = 0;
-			return channel_driver_receive(driver.get(), answer, sizeof(answer), &length, 20000);
-		});
-		const uint8_t request[8] = {};
-		ASSERT_EQ(channel_driver_send(driver.get(), request, sizeof(request)), 0) << round;
-		ASSERT_EQ(received.get(), 0) << round;
-	}
 }
 
 TEST(a_link_to_a_can_server, has_no_frame_while_the_server_stalls_inside_one)
