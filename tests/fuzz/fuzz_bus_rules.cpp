@@ -1,5 +1,6 @@
 // A rules file, a bridge's option, a node's names and a topic through the broker plugin's verdict. A file has to say
-// what its lines say one by one (with the roles), and what holds whatever the rules say is asked again here, in other words.
+// what its lines say one by one (with the roles), and what holds whatever the rules say is asked again here, in other
+// words.
 #include "access.h"
 
 #include "fuzz/fuzz_input.h"

@@ -23,8 +23,8 @@ std::string revocation_path(const std::string &directory);
 bool store_ca(const std::string &directory, const identity &ca, std::string &error);
 bool load_ca(const std::string &directory, identity &ca, std::string &error);
 
-// A certificate takes about 48 bytes of it: room for 1.4 million. Those that have run out stay on it, so that a node once
-// revoked is not good again for the rules and for a renewal, nor at a broker whose clock is late.
+// A certificate takes about 48 bytes of it: room for 1.4 million. Those that have run out stay on it, so that a node
+// once revoked is not good again for the rules and for a renewal, nor at a broker whose clock is late.
 constexpr size_t largest_revocation_list = 64u << 20;
 
 // The list as it is; an empty one when there is no file yet.

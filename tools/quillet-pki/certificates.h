@@ -49,7 +49,8 @@ struct certificate_request {
 };
 
 // Makes a certificate, for the key in made or, where it is empty, for a new one. issuer signs; a NULL issuer makes a
-// self-signed one. It ends when its issuer does, whatever is asked for: nobody takes it after that. On failure false, with the cause in error and made as it was.
+// self-signed one. It ends when its issuer does, whatever is asked for: nobody takes it after that. On failure false,
+// with the cause in error and made as it was.
 bool make_identity(const certificate_request &request, const identity *issuer, identity &made, std::string &error);
 
 // Each returns an empty text when OpenSSL fails.

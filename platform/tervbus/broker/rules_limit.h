@@ -1,4 +1,5 @@
-// How large a rules file the broker plugin reads: nobody is to write a larger one, for with it the broker does not start.
+// How large a rules file the broker plugin reads: nobody is to write a larger one, for with it the broker does not
+// start.
 #pragma once
 
 #include <cstddef>

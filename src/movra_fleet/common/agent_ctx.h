@@ -7,7 +7,7 @@
 // At most this much waits for the worker; a request beyond is refused.
 inline constexpr uint32_t pending_jobs_limit = 1024;
 inline constexpr uint32_t pending_commands_limit = 16384;
-inline constexpr uint32_t pending_memory_limit = 64 << 20; // bytes as job_memory reckons them
+inline constexpr uint32_t pending_memory_limit = 64 << 20; // bytes, as job_memory reckons
 
 // A context with its locks and nothing else; NULL when memory is short.
 agent_ctx *agent_ctx_new();
@@ -15,7 +15,8 @@ agent_ctx *agent_ctx_new();
 // Frees the context alone; what it points to has been taken down before. NULL is accepted.
 void agent_ctx_free(agent_ctx *ctx);
 
-// Appends a complete job, its memory reckoned, at the tail. False, and the job stays the caller's, when too much is waiting already.
+// Appends a complete job, its memory reckoned, at the tail. False, and the job stays the caller's, when too much is
+// waiting already.
 bool pending_jobs_append(agent_ctx *ctx, diag_job *job);
 
 // The oldest job, which stays in the list while the worker runs it; NULL when there is none.
