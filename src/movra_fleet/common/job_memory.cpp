@@ -12,8 +12,8 @@ namespace
 // 16 members, an array with room for 32.
 constexpr uint64_t object_size = 800;
 constexpr uint64_t array_size = 400;
-constexpr uint64_t value_size = 80;
-constexpr uint64_t null_size = 8; // no node at all, only its place
+constexpr uint64_t value_size = 112;
+constexpr uint64_t null_size = 16; // no node at all, only its place
 
 uint64_t text_size(const char *text)
 {
