@@ -7,12 +7,12 @@ import time
 
 import pytest
 
-from flow import runs, wait_until_settled
+from flow import identifier, wait_until_settled
 from harness import LONG_TIER, PATIENCE, times, wait_until
 from world import AGENTS, BROKE, RUNNING, side_by_side
 
 KNOWN_TO_ENGINE = "0100"
-A_WHILE = (("3E", "00", "", str(3 * PATIENCE)), ("3E", "00"))
+A_WHILE = (("3E", "00", "", str(2 * PATIENCE)), ("3E", "00"))
 CONTEST_S = 12 if LONG_TIER else 3
 TWIN = "does another process use the identity of AGENT-1?"
 
@@ -20,7 +20,8 @@ TWIN = "does another process use the identity of AGENT-1?"
 def begin_long_job(world, requester):
     """A job of the first agent's that is under way, for some seconds from now."""
     number = world.flow.send(requester, AGENTS[0], KNOWN_TO_ENGINE, A_WHILE)
-    wait_until(lambda: runs(world.ecus)[number], "a job that has begun")
+    request = f"22{KNOWN_TO_ENGINE}{identifier(number)}"
+    wait_until(lambda: request in world.ecus.request_log.read_text(), "a job that has begun")
     return number
 
 
