@@ -2,7 +2,7 @@ import shutil
 
 import pytest
 
-from harness import PATIENCE, Agent, Broker, CanServer, Ecus, Pki, copy_plugin, free_port, make_folder
+from harness import PATIENCE, Agent, Broker, CanServer, Ecus, Pki, copy_plugin, free_port, make_folder, memory_folder
 from requester import Requester
 
 REQUESTERS = ("TESTER-1", "TESTER-2", "TESTER-3")
@@ -10,7 +10,7 @@ REQUESTERS = ("TESTER-1", "TESTER-2", "TESTER-3")
 
 @pytest.fixture(scope="module")
 def folder():
-    path = make_folder()
+    path = make_folder(memory_folder())
     yield path
     shutil.rmtree(path)
 
